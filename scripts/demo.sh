@@ -1,0 +1,7 @@
+#!/usr/bin/env bash
+# Builds the plugin and the demo host, then records a short clip with the synthetic camera.
+# usage: scripts/demo.sh [demo_host options...]   (default: 5 s of 1280x720 at 30 fps to demo.mp4)
+set -euo pipefail
+here=$(cd "$(dirname "$0")/.." && pwd)
+dir=$("$here/scripts/build.sh" -DRECORDER_TESTS=OFF -DRECORDER_BENCH=OFF | tail -n 1)
+"$dir/tools/demo_host" --out "$here/demo.mp4" "$@"

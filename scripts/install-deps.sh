@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Installs every Debian 12 package the project needs to build, run, test and benchmark.
+# Idempotent and non-interactive; run as root (or through sudo).
+set -euo pipefail
+
+PACKAGES=(
+  # build
+  build-essential cmake pkg-config git
+  # Qt 5 Core and moc
+  qtbase5-dev qtbase5-dev-tools
+  # FFmpeg libraries, and the command-line tools for tests and benchmarks
+  libavformat-dev libavcodec-dev libavfilter-dev libavutil-dev libswscale-dev libswresample-dev
+  ffmpeg
+  # OpenCV core and imgproc; videoio for the demo host's real-camera mode
+  libopencv-core-dev libopencv-imgproc-dev libopencv-videoio-dev
+  # ALSA
+  libasound2-dev
+  # killall, run when the capture device is busy
+  psmisc
+  # tests and benchmarks
+  libgtest-dev libgmock-dev libbenchmark-dev
+  # a real font for the watermark tests
+  fonts-dejavu-core
+)
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "install-deps: all ${#PACKAGES[@]} packages already installed"
+  exit 0
+fi
+
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update
+$SUDO apt-get install -y --no-install-recommends "${missing[@]}"
+echo "install-deps: installed ${missing[*]}"

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite.
+# usage: scripts/test.sh [--sanitize address,undefined|thread] [ctest args...]
+set -euo pipefail
+here=$(cd "$(dirname "$0")/.." && pwd)
+args=()
+if [ "${1:-}" = "--sanitize" ]; then
+  args=(--sanitize "$2")
+  shift 2
+fi
+dir=$("$here/scripts/build.sh" "${args[@]}" | tail -n 1)
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$here/tests/tsan.supp}
+cd "$dir"
+ctest --output-on-failure --timeout 600 "$@"
