@@ -1,0 +1,168 @@
+#ifndef FFMPEGAPI_H
+#define FFMPEGAPI_H
+
+#include <QList>
+#include <QString>
+#include <QThread>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <opencv2/core/mat.hpp>
+
+#include "threadexit.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/samplefmt.h>
+}
+
+struct AVFilterContext;
+struct AVFilterGraph;
+struct SwrContext;
+
+// Encoder state of one output stream.
+struct OutputStream {
+    AVStream *st = nullptr;          // the stream in the container (owned by the container)
+    AVCodecContext *enc = nullptr;   // the encoder, owned: freed by flush or a failed open
+    int64_t next_pts = 0;            // video: frames so far (1/fps); audio: input samples per channel
+    int samples_count = 0;           // audio: samples per channel given to the encoder
+    AVFrame *frame = nullptr;        // the encoder's input frame
+    AVFrame *tmp_frame = nullptr;    // audio: the block as interleaved S16
+    SwrContext *swr_ctx = nullptr;   // audio: S16 interleaved -> encoder sample format
+};
+
+// A text / local time / logo watermark.
+struct stWaterprint {
+    QString text;
+    QString fontFile;
+    int fontSize = 0;
+    int x = 0;
+    int y = 0;
+    int fontColor = 0;   // 0xRRGGBB
+    int bLocalTime = 0;  // 1: the local time is drawn before the text
+    int bText = 0;       // 1: draw the text
+    QString logoFile;
+    int logoX = 0;
+    int logoY = 0;
+    int bLogo = 0;       // 1: overlay the logo
+};
+
+// The frame rate a recording uses for a requested one: 0 and negative rates (also when
+// seen as huge unsigned values) are taken as 10, and rates above 1000 are held at 1000,
+// so that the writer's time base and the feeder's schedule always agree.
+int recordingFps(long long fps);
+
+int add_stream(OutputStream *ost, AVFormatContext *oc, const AVCodec **codec, AVCodecID codec_id,
+               int bitrate, int fps, int width, int height, int audioChannel, int sampleRate);
+// Converts the top-left width x height pixels of an 8-bit BGR Mat into `frame`.
+int fill_yuv_image(AVFrame *frame, int width, int height, cv::Mat &img);
+
+// The media writer: one object writes one file, used by one thread at a time.
+// Order of use: setHasVideo/setHasAudio, open, then write_video/write_audio as
+// encodeVideo() says, then flush exactly once.
+class FFmpegApi
+{
+public:
+    FFmpegApi();
+    // Releases whatever a failed open built, or an open writer never flushed.
+    ~FFmpegApi();
+    FFmpegApi(const FFmpegApi &) = delete;
+    FFmpegApi &operator=(const FFmpegApi &) = delete;
+
+    void setHasVideo(bool on) { m_hasVideo = on; }
+    bool hasVideo() const { return m_hasVideo; }
+    void setHasAudio(bool on) { m_hasAudio = on; }
+    bool hasAudio() const { return m_hasAudio; }
+
+    // 0, or -1 after a message naming what failed.
+    int open(char *filename, int videoBitrate, int fps, int width, int height,
+             int audioChannel, int audioSampleRate);
+    int audioFrameSize() const { return m_audioFrameSize; }
+    bool encodeVideo();
+    // 0, or -1 (a frame of the wrong size or type is refused without a timestamp advance).
+    int write_video(cv::Mat img);
+    // Reads channels x audioFrameSize() x 2 bytes of interleaved S16; always 0.
+    int write_audio(unsigned char *data);
+    // Drains both encoders, writes the trailer and releases everything.
+    void flush();
+    AVFrame *alloc_audio_frame(AVSampleFormat sample_fmt, const AVChannelLayout *channel_layout,
+                               int sample_rate, int nb_samples);
+    void test();
+
+    // Watermark filter graph.
+    QString getFiltersDescr(stWaterprint &w);
+    int initFilters(AVCodecContext *c);
+    int write_watermark(cv::Mat img);
+
+    // Writes /tmp/aaIMG_<n>.jpg with a text drawn on it.
+    static int SaveAsJPEG(cv::Mat img, int n);
+
+    // Read-only views for callers that drive the filter graph or inspect the streams.
+    AVCodecContext *videoEncoder() const { return video_st.enc; }
+    AVCodecContext *audioEncoder() const { return audio_st.enc; }
+
+private:
+    int openOutput(AVDictionary *options, int audioChannel, int audioSampleRate);
+    int openAudio(AVDictionary *options);
+    int encodeAndWrite(OutputStream *ost, AVFrame *frame);
+    void release();
+
+    char *m_filename = nullptr;   // borrowed, valid only while open runs
+    int m_width = 0;              // pixels
+    int m_height = 0;             // pixels
+    int m_fps = 0;                // frames per second
+    int m_bitrate = 0;            // bits per second
+    OutputStream video_st;
+    OutputStream audio_st;
+    const AVOutputFormat *fmt = nullptr;
+    AVFormatContext *oc = nullptr;        // owned until flush
+    const AVCodec *video_codec = nullptr;
+    const AVCodec *audio_codec = nullptr;
+    bool m_hasVideo = true;
+    bool m_hasAudio = true;
+    int m_audioFrameSize = 0;     // samples per channel in one audio block
+    bool m_useFilter = false;     // write_video goes through the watermark graph
+    AVFilterContext *buffersink_ctx = nullptr;
+    AVFilterContext *buffersrc_ctx = nullptr;
+    AVFilterGraph *filter_graph = nullptr;
+    bool m_headerWritten = false; // a trailer is owed
+};
+
+// The process-wide snapshot thread: frames queued from any thread are written to
+// /tmp/IMG_13.jpg in the background, in order.
+class FilterThread : public QThread
+{
+public:
+    // Any thread. The instance lives until the process ends.
+    static FilterThread *instance();
+    // Any thread. Queues one frame (its pixels are shared, not copied); starts the
+    // thread on first use.
+    void start(cv::Mat img);
+    // Any thread. Writes /tmp/IMG_<n>.jpg with cur_use_logo.png laid over it.
+    int saveAsJPEG(cv::Mat img, int n);
+    ~FilterThread() override;
+
+protected:
+    void run() override;
+
+private:
+    FilterThread();
+    // Blocks until the queue is written out, or kDrainLimitMs passed.
+    void drain();
+
+    // Waits for the queue at process exit, while everything the writer uses still exists.
+    struct ExitDrain {
+        ~ExitDrain();
+    };
+
+    std::atomic<bool> bStarted{false};  // the thread has been started
+    std::mutex mutex;                   // guards imageList and bWriting
+    std::condition_variable waitCondition; // one wake per queued frame
+    std::condition_variable idleCondition; // woken when a frame has been written
+    QList<cv::Mat> imageList;           // frames waiting to be written, oldest first
+    bool bWriting = false;              // a frame taken from imageList is being written
+};
+
+#endif // FFMPEGAPI_H
