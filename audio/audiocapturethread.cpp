@@ -1,0 +1,406 @@
+#include "audiocapturethread.h"
+
+#include <QProcess>
+#include <QStringList>
+#include <alsa/asoundlib.h>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "encode/ffmpegencode.h"
+#include "media/threadexit.h"
+
+namespace {
+
+const char *const kSeparator = "==========================================";
+// Card names tried after the configured one.
+const char *const kFallbackNames[] = {"kwvizdesk", "camera"};
+// Mixer elements examined per card.
+constexpr unsigned int kMaxElements = 100;
+// The integer control raised to its maximum on every card.
+constexpr unsigned int kRaisedNumid = 2;
+// Opens of a busy device, and the pause between them (microseconds).
+constexpr int kBusyOpens = 9;
+constexpr unsigned long kBusyRetryPauseUs = 1000000;
+// Rate asked of the device, Hz.
+constexpr unsigned int kWantedRate = 48000;
+// Re-opens after a failed read, and the pause between them (microseconds).
+constexpr int kReopenAttempts = 11;
+constexpr unsigned long kReopenPauseUs = 10;
+// Poll period of the wait for startRecord (microseconds).
+constexpr unsigned long kRecordPollUs = 10;
+
+} // namespace
+
+// State shared by the session thread and the capture thread. The flags are polled
+// without a lock; each has one writer at a time.
+class AudiocaptureThreadPrivate
+{
+public:
+    std::atomic<bool> bRecord{false};   // capture may begin (startRecord)
+    std::atomic<bool> bRun{false};      // the capture loop keeps going
+    std::atomic<bool> bOver{false};     // the capture loop has ended
+    std::atomic<bool> bPause{false};    // blocks are read but dropped
+    std::atomic<int> frameSize{1152};   // frames per read and per block; set before startRecord
+    std::atomic<int> audioChannel{1};   // channels
+    std::atomic<int> sampleRate{48000}; // Hz, as granted by the device
+    int pcmFormat = SND_PCM_FORMAT_S16_LE;
+    QString soundCardName = QStringLiteral("KW-08P USBCamera"); // wanted card name
+    snd_pcm_t *pcmHandle = nullptr;     // the open capture device, owned
+    FFmpegEncode *encode = nullptr;     // receiver of the blocks, not owned
+    ThreadExit exit;                    // joins run() visibly to the sanitizer
+};
+
+AudiocaptureThread::AudiocaptureThread(FFmpegEncode *encode, QObject *parent)
+    : QThread(parent)
+    , d(new AudiocaptureThreadPrivate)
+{
+    d->encode = encode;
+}
+
+AudiocaptureThread::~AudiocaptureThread()
+{
+    // Never free the state under a running loop.
+    stopThread();
+    d->exit.join(this);
+    if (d->pcmHandle)
+        snd_pcm_close(d->pcmHandle);
+    delete d;
+}
+
+void AudiocaptureThread::startThread()
+{
+    d->bRecord = false;
+    d->bRun = true;
+    d->bOver = false;
+    d->exit.reset();
+    start(QThread::InheritPriority);
+}
+
+void AudiocaptureThread::stopThread()
+{
+    d->bRecord = false;
+    d->bRun = false;
+}
+
+bool AudiocaptureThread::isOver() const { return d->bOver; }
+void AudiocaptureThread::startRecord() { d->bRecord = true; }
+void AudiocaptureThread::setPause(bool on) { d->bPause = on; }
+int AudiocaptureThread::frameSize() const { return d->frameSize; }
+void AudiocaptureThread::setFrameSize(int samples) { d->frameSize = samples; }
+int AudiocaptureThread::audioChannel() { return d->audioChannel; }
+int AudiocaptureThread::sampleRate() { return d->sampleRate; }
+QString AudiocaptureThread::soundCardName() const { return d->soundCardName; }
+void AudiocaptureThread::setSoundCardName(const QString &name) { d->soundCardName = name; }
+
+// Prints one element's values; raises integer element kRaisedNumid to its maximum.
+static void examineElement(snd_ctl_t *ctl, unsigned int numid, snd_ctl_elem_info_t *info,
+                           snd_ctl_elem_value_t *value, bool cardMatched,
+                           std::atomic<int> &audioChannel)
+{
+    printf("numid: %u\n", numid);
+    snd_ctl_elem_info_set_numid(info, numid);
+    snd_ctl_elem_info(ctl, info);
+    const snd_ctl_elem_iface_t iface = snd_ctl_elem_info_get_interface(info);
+    const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
+    const unsigned int count = snd_ctl_elem_info_get_count(info);
+    const char *name = snd_ctl_elem_info_get_name(info);
+    printf("name: %s\n", name);
+    printf("iface: %s\n", snd_ctl_elem_iface_name(iface));
+    printf("type: %s\n", snd_ctl_elem_type_name(type));
+    printf("count: %u\n", count);
+    if (cardMatched && strstr(name, "Channel")) {
+        audioChannel = static_cast<int>(count);
+        printf("set audioChannel%d\n", audioChannel.load());
+    }
+    snd_ctl_elem_value_set_numid(value, numid);
+    snd_ctl_elem_read(ctl, value);
+    if (type == SND_CTL_ELEM_TYPE_BOOLEAN) {
+        for (unsigned int k = 0; k < count; ++k)
+            printf("value %u : %s\n", k, snd_ctl_elem_value_get_boolean(value, k) ? "true" : "false");
+    } else if (type == SND_CTL_ELEM_TYPE_INTEGER) {
+        const long max = snd_ctl_elem_info_get_max(info);
+        printf("min: %ld\n", snd_ctl_elem_info_get_min(info));
+        printf("max: %ld\n", max);
+        for (unsigned int k = 0; k < count; ++k) {
+            printf("value %u : %ld\n", k, snd_ctl_elem_value_get_integer(value, k));
+            if (numid == kRaisedNumid) {
+                snd_ctl_elem_value_set_integer(value, k, max);
+                snd_ctl_elem_write(ctl, value);
+            }
+        }
+    }
+    printf("%s\n", kSeparator);
+}
+
+// Lists the card's first kMaxElements mixer elements.
+static void listElements(snd_ctl_t *ctl, bool cardMatched, std::atomic<int> &audioChannel)
+{
+    snd_ctl_elem_list_t *list = nullptr;
+    snd_ctl_elem_info_t *info = nullptr;
+    snd_ctl_elem_value_t *value = nullptr;
+    if (snd_ctl_elem_list_malloc(&list) < 0 || snd_ctl_elem_info_malloc(&info) < 0
+        || snd_ctl_elem_value_malloc(&value) < 0) {
+        puts("cannot allocate the mixer element list");
+    } else {
+        snd_ctl_elem_list_alloc_space(list, kMaxElements);
+        snd_ctl_elem_list(ctl, list);
+        const unsigned int used = snd_ctl_elem_list_get_used(list);
+        printf("list used: %u\n", used);
+        printf("\n");
+        for (unsigned int i = 0; i < used; ++i)
+            examineElement(ctl, snd_ctl_elem_list_get_numid(list, i), info, value, cardMatched,
+                           audioChannel);
+        snd_ctl_elem_list_free_space(list);
+    }
+    if (value)
+        snd_ctl_elem_value_free(value);
+    if (info)
+        snd_ctl_elem_info_free(info);
+    if (list)
+        snd_ctl_elem_list_free(list);
+}
+
+QString AudiocaptureThread::snd_card_find(QString name)
+{
+    QString result;
+    const QString wanted = name.toLower();
+    int card = -1;
+    snd_card_next(&card);
+    while (card != -1) {
+        const QString device = QStringLiteral("hw:%1").arg(card);
+        snd_ctl_t *ctl = nullptr;
+        const int ret = snd_ctl_open(&ctl, device.toUtf8().constData(), SND_CTL_NONBLOCK);
+        printf("open ret: %d\n", ret);
+        // A control device that does not open cannot be matched or listed: skip the card.
+        if (ret >= 0 && ctl) {
+            printf("control name: %s\n", snd_ctl_name(ctl));
+            snd_ctl_card_info_t *info = nullptr;
+            QString cardName;
+            if (snd_ctl_card_info_malloc(&info) >= 0) {
+                if (snd_ctl_card_info(ctl, info) >= 0)
+                    cardName = QString::fromUtf8(snd_ctl_card_info_get_name(info));
+                snd_ctl_card_info_free(info);
+            }
+            const bool cardMatched = cardName.toLower().contains(wanted);
+            if (cardMatched) {
+                result = device;
+                printf("find sound card\n");
+            }
+            printf("card name: %s\n", cardName.toUtf8().constData());
+            listElements(ctl, cardMatched, d->audioChannel);
+            snd_ctl_close(ctl);
+        }
+        if (snd_card_next(&card) < 0)
+            break;
+    }
+    printf("find:%s%s\n", result.toUtf8().constData(), name.toUtf8().constData());
+    printf("%s\n", kSeparator);
+    fflush(stdout);
+    return result;
+}
+
+// Restarts the desktop sound server, which may hold the device.
+static void restartSoundServer()
+{
+    const QByteArray saved = qgetenv("LD_LIBRARY_PATH");
+    qputenv("LD_LIBRARY_PATH", QByteArray(""));
+    const QStringList command = QProcess::splitCommand(QStringLiteral("killall pulseaudio"));
+    QProcess::startDetached(command.first(), command.mid(1));
+    qputenv("LD_LIBRARY_PATH", saved);
+    QThread::usleep(kBusyRetryPauseUs);
+}
+
+// Configures an open device; false after the message of the step that failed.
+static bool configure(snd_pcm_t *pcm, int format, std::atomic<int> &rate, std::atomic<int> &channels)
+{
+    snd_pcm_hw_params_t *params = nullptr;
+    int err = snd_pcm_hw_params_malloc(&params);
+    if (err < 0) {
+        printf("无法分配硬件参数结构 (%s)\n", snd_strerror(err));
+        return false;
+    }
+    puts("硬件参数结构已分配成功.");
+    bool ok = false;
+    do {
+        if ((err = snd_pcm_hw_params_any(pcm, params)) < 0) {
+            printf("无法初始化硬件参数结构 (%s)\n", snd_strerror(err));
+            break;
+        }
+        puts("硬件参数结构初始化成功.");
+        if ((err = snd_pcm_hw_params_set_access(pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED)) < 0) {
+            printf("无法设置访问类型(%s)\n", snd_strerror(err));
+            break;
+        }
+        puts("访问类型设置成功.");
+        if ((err = snd_pcm_hw_params_set_format(pcm, params, static_cast<snd_pcm_format_t>(format))) < 0) {
+            printf("无法设置格式 (%s)\n", snd_strerror(err));
+            break;
+        }
+        fwrite("PCM数据格式设置成功.\n", 1, strlen("PCM数据格式设置成功.\n"), stdout);
+        unsigned int wanted = kWantedRate;
+        printf("采样率设置:%d\n", wanted);
+        if ((err = snd_pcm_hw_params_set_rate_near(pcm, params, &wanted, nullptr)) < 0) {
+            printf("无法设置采样率(%s)\n", snd_strerror(err));
+            break;
+        }
+        rate = static_cast<int>(wanted);
+        printf("采样率设置成功:%d\n", rate.load());
+        printf("声道数设置:%d\n", channels.load());
+        if ((err = snd_pcm_hw_params_set_channels(pcm, params, channels)) < 0) {
+            printf("1无法设置声道数(%s)\n", snd_strerror(err));
+            channels = channels == 1 ? 2 : 1;
+            if ((err = snd_pcm_hw_params_set_channels(pcm, params, channels)) < 0) {
+                printf("2无法设置声道数(%s)\n", snd_strerror(err));
+                break;
+            }
+        }
+        printf("声道数设置成功.:%d\n", channels.load());
+        if ((err = snd_pcm_hw_params(pcm, params)) < 0) {
+            printf("无法向驱动程序设置参数(%s)\n", snd_strerror(err));
+            break;
+        }
+        puts("参数设置成功.");
+        ok = true;
+    } while (false);
+    snd_pcm_hw_params_free(params);
+    if (!ok)
+        return false;
+    if ((err = snd_pcm_prepare(pcm)) < 0) {
+        printf("无法使用音频接口 (%s)\n", snd_strerror(err));
+        return false;
+    }
+    puts("音频接口准备好.");
+    printf("%s\n", kSeparator);
+    return true;
+}
+
+bool AudiocaptureThread::open()
+{
+    QString device = snd_card_find(d->soundCardName);
+    for (const char *fallback : kFallbackNames) {
+        if (!device.isEmpty())
+            break;
+        d->soundCardName = QString::fromLatin1(fallback);
+        device = snd_card_find(d->soundCardName);
+    }
+    if (device.isEmpty())
+        return false;
+
+    d->pcmFormat = SND_PCM_FORMAT_S16_LE;
+    const QByteArray name = device.toUtf8();
+    for (int retriesLeft = kBusyOpens;;) {
+        snd_pcm_t *pcm = nullptr;
+        const int err = snd_pcm_open(&pcm, name.constData(), SND_PCM_STREAM_CAPTURE, 0);
+        if (err >= 0) {
+            // A handle left by an earlier call is not overwritten unclosed.
+            if (d->pcmHandle)
+                snd_pcm_close(d->pcmHandle);
+            d->pcmHandle = pcm;
+            printf("音频接口打开成功.%s:%s\n", d->soundCardName.toUtf8().constData(), name.constData());
+            break;
+        }
+        printf("无法打开音频设备: %s (%s) %d\n", name.constData(), snd_strerror(err), err);
+        fflush(stdout);
+        if (err != -EBUSY || --retriesLeft == 0)
+            return false;
+        restartSoundServer();
+    }
+    const bool ok = configure(d->pcmHandle, d->pcmFormat, d->sampleRate, d->audioChannel);
+    fflush(stdout);
+    if (!ok) {
+        // A device that cannot be configured is closed, not kept half set up.
+        snd_pcm_close(d->pcmHandle);
+        d->pcmHandle = nullptr;
+    }
+    return ok;
+}
+
+void AudiocaptureThread::run()
+{
+    capture();
+    d->exit.markReturned();
+}
+
+// Re-opens the device after a failed read; false when it stays gone.
+bool AudiocaptureThread::reopen()
+{
+    for (int attempt = 1; attempt <= kReopenAttempts; ++attempt) {
+        if (open())
+            return true;
+        if (attempt == kReopenAttempts)
+            break;
+        QThread::usleep(kReopenPauseUs);
+        if (!d->bRun)
+            break;
+    }
+    return d->pcmHandle != nullptr;
+}
+
+void AudiocaptureThread::capture()
+{
+    const int sampleBytes = snd_pcm_format_width(static_cast<snd_pcm_format_t>(d->pcmFormat)) / 8;
+    printf("%s\n", kSeparator);
+    fflush(stdout);
+    // A recording stopped before its first frame never calls startRecord: stop ends the wait.
+    while (!d->bRecord && d->bRun)
+        QThread::usleep(kRecordPollUs);
+
+    const int frames = d->frameSize;
+    const int channels = d->audioChannel;
+    const int rate = d->sampleRate;
+    const size_t blockBytes = static_cast<size_t>(sampleBytes) * frames * channels;
+    unsigned char *captureBuffer = nullptr;
+    if (d->bRun && frames > 0 && d->pcmHandle) {
+        captureBuffer = static_cast<unsigned char *>(malloc(blockBytes));
+        if (!captureBuffer)
+            puts("缓冲区分配错误.");
+        else
+            printf("开始采集音频数据:%zu\n", blockBytes);
+        fflush(stdout);
+    }
+
+    while (captureBuffer && d->bRun) {
+        const snd_pcm_sframes_t got = snd_pcm_readi(d->pcmHandle, captureBuffer, frames);
+        if (got == frames) {
+            if (d->bPause)
+                continue;
+            auto *block = static_cast<unsigned char *>(malloc(blockBytes));
+            if (!block) {
+                puts("缓冲区分配错误.");
+                break;
+            }
+            memcpy(block, captureBuffer, blockBytes);
+            d->encode->addAudio(block);
+            continue;
+        }
+        // A short or failed read hands nothing on: the encoder takes whole blocks only.
+        printf("从音频接口读取失败(%s)\n", snd_strerror(static_cast<int>(got)));
+        fflush(stdout);
+        snd_pcm_close(d->pcmHandle);
+        d->pcmHandle = nullptr;
+        if (!d->bRun || !reopen())
+            break;
+        // The encoder was set up for the first device's layout: a device that came back
+        // with another one would hand it blocks it would misread, so capture ends.
+        if (d->audioChannel != channels || d->sampleRate != rate) {
+            printf("the microphone came back as %d channel(s) at %d Hz, not %d at %d: "
+                   "sound capture ends\n",
+                   d->audioChannel.load(), d->sampleRate.load(), channels, rate);
+            d->audioChannel = channels;
+            d->sampleRate = rate;
+            break;
+        }
+    }
+
+    if (d->pcmHandle) {
+        snd_pcm_close(d->pcmHandle);
+        d->pcmHandle = nullptr;
+    }
+    free(captureBuffer);
+    d->bOver = true;
+    printf("AudiocaptureThread over\n");
+    fflush(stdout);
+}

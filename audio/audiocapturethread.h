@@ -1,0 +1,47 @@
+#ifndef AUDIOCAPTURETHREAD_H
+#define AUDIOCAPTURETHREAD_H
+
+#include <QString>
+#include <QThread>
+
+class FFmpegEncode;
+class AudiocaptureThreadPrivate;
+
+// Captures the camera's USB microphone through ALSA and hands encoder-sized PCM
+// blocks to the encoder. The session thread calls every public operation; open()
+// also runs on the capture thread when it re-opens the device.
+class AudiocaptureThread : public QThread
+{
+    Q_OBJECT
+public:
+    AudiocaptureThread(FFmpegEncode *encode, QObject *parent = nullptr);
+    // Stops and waits for the thread, closes the device.
+    ~AudiocaptureThread() override;
+
+    bool open();
+    QString snd_card_find(QString name);
+
+    void startThread();
+    void stopThread();
+    bool isOver() const;
+    void startRecord();
+    void setPause(bool on);
+
+    int frameSize() const;
+    void setFrameSize(int samples);
+    int audioChannel();
+    int sampleRate();
+    QString soundCardName() const;
+    void setSoundCardName(const QString &name);
+
+protected:
+    void run() override;
+
+private:
+    void capture();
+    bool reopen();
+
+    AudiocaptureThreadPrivate *d;
+};
+
+#endif // AUDIOCAPTURETHREAD_H
