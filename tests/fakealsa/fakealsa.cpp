@@ -1,0 +1,621 @@
+#include "fakealsa.h"
+
+#include <alsa/asoundlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+struct Card {
+    std::string name;
+    std::vector<fakealsa::Element> elements;
+    fakealsa::Capture capture;
+    bool controlFails = false;
+    int busyLeft = 0;
+    long reads = 0;                 // complete reads of this card
+    bool unplugged = false;
+    Clock::time_point unpluggedAt;
+};
+
+struct Model {
+    std::mutex mutex; // guards everything below
+    std::vector<Card> cards;
+    std::vector<fakealsa::MixerWrite> writes;
+    std::vector<std::string> openAttempts;
+    int opens = 0;
+    int openHandles = 0;
+    long readsDelivered = 0;
+};
+
+Model &model()
+{
+    static Model m;
+    return m;
+}
+
+// Whether the card is there now (an unplugged card comes back after its replug time).
+bool present(Card &c)
+{
+    if (!c.unplugged)
+        return true;
+    const long back = c.capture.replugAfterMs;
+    if (back >= 0 && Clock::now() - c.unpluggedAt >= std::chrono::milliseconds(back)) {
+        c.unplugged = false;
+        c.reads = 0;
+        c.capture.unplugAfterReads = -1;
+        return true;
+    }
+    return false;
+}
+
+// Card index from "hw:N"; -1 if not such a name.
+int cardIndex(const char *name)
+{
+    int n = -1;
+    if (!name || std::sscanf(name, "hw:%d", &n) != 1)
+        return -1;
+    return n;
+}
+
+} // namespace
+
+// The opaque ALSA types, as this model needs them.
+struct _snd_ctl {
+    int card = -1;
+    std::string name;
+};
+struct _snd_ctl_card_info {
+    char name[80];
+};
+struct _snd_ctl_elem_list {
+    unsigned int space = 0;
+    std::vector<unsigned int> numids;
+};
+struct _snd_ctl_elem_info {
+    unsigned int numid = 0;
+    fakealsa::Element element;
+};
+struct _snd_ctl_elem_value {
+    unsigned int numid = 0;
+    std::vector<long> values;
+};
+struct _snd_pcm_hw_params {
+    unsigned int rate = 0;
+    unsigned int channels = 0;
+};
+struct _snd_pcm {
+    int card = -1;
+    unsigned int rate = 48000;
+    unsigned int channels = 1;
+    long position = 0;              // frames delivered since prepare
+    Clock::time_point started;
+};
+
+namespace fakealsa {
+
+void reset()
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    m.cards.clear();
+    m.writes.clear();
+    m.openAttempts.clear();
+    m.opens = 0;
+    m.readsDelivered = 0;
+}
+
+int addCard(const std::string &name, const std::vector<Element> &elements, const Capture &capture)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    Card c;
+    c.name = name;
+    c.elements = elements;
+    for (Element &e : c.elements)
+        e.values.resize(e.count, 0);
+    c.capture = capture;
+    c.busyLeft = capture.busyOpens;
+    m.cards.push_back(c);
+    return static_cast<int>(m.cards.size()) - 1;
+}
+
+void setControlOpenFails(int card)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    m.cards.at(card).controlFails = true;
+}
+
+std::vector<MixerWrite> mixerWrites()
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    return m.writes;
+}
+
+std::vector<long> elementValues(int card, unsigned int numid)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    for (const Element &e : m.cards.at(card).elements)
+        if (e.numid == numid)
+            return e.values;
+    return {};
+}
+
+std::vector<std::string> pcmOpenAttempts()
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    return m.openAttempts;
+}
+
+int pcmOpens()
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    return m.opens;
+}
+
+int pcmOpenHandles()
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    return m.openHandles;
+}
+
+long readsDelivered()
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    return m.readsDelivered;
+}
+
+short sampleAt(long frame, int channel, unsigned int rate, double frequency)
+{
+    const double f = frequency * (channel + 1);
+    return static_cast<short>(std::lround(12000.0 * std::sin(2 * M_PI * f * double(frame) / rate)));
+}
+
+} // namespace fakealsa
+
+extern "C" {
+
+const char *snd_strerror(int errnum)
+{
+    return strerror(errnum < 0 ? -errnum : errnum);
+}
+
+int snd_card_next(int *card)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    for (int i = *card + 1; i < static_cast<int>(m.cards.size()); ++i) {
+        if (present(m.cards[i])) {
+            *card = i;
+            return 0;
+        }
+    }
+    *card = -1;
+    return 0;
+}
+
+int snd_ctl_open(snd_ctl_t **ctl, const char *name, int /*mode*/)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    const int i = cardIndex(name);
+    if (i < 0 || i >= static_cast<int>(m.cards.size()) || !present(m.cards[i]))
+        return -ENOENT;
+    if (m.cards[i].controlFails)
+        return -EACCES;
+    *ctl = new _snd_ctl();
+    (*ctl)->card = i;
+    (*ctl)->name = name;
+    return 0;
+}
+
+int snd_ctl_close(snd_ctl_t *ctl)
+{
+    delete ctl;
+    return 0;
+}
+
+const char *snd_ctl_name(snd_ctl_t *ctl)
+{
+    return ctl->name.c_str();
+}
+
+int snd_ctl_card_info_malloc(snd_ctl_card_info_t **ptr)
+{
+    *ptr = new _snd_ctl_card_info();
+    return 0;
+}
+
+void snd_ctl_card_info_free(snd_ctl_card_info_t *obj)
+{
+    delete obj;
+}
+
+size_t snd_ctl_card_info_sizeof(void)
+{
+    return sizeof(_snd_ctl_card_info);
+}
+
+void snd_ctl_card_info_clear(snd_ctl_card_info_t *obj)
+{
+    std::memset(obj, 0, sizeof *obj);
+}
+
+int snd_ctl_card_info(snd_ctl_t *ctl, snd_ctl_card_info_t *info)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    std::snprintf(info->name, sizeof info->name, "%s", m.cards.at(ctl->card).name.c_str());
+    return 0;
+}
+
+const char *snd_ctl_card_info_get_name(const snd_ctl_card_info_t *obj)
+{
+    return obj->name;
+}
+
+int snd_ctl_elem_list_malloc(snd_ctl_elem_list_t **ptr)
+{
+    *ptr = new _snd_ctl_elem_list();
+    return 0;
+}
+
+void snd_ctl_elem_list_free(snd_ctl_elem_list_t *obj)
+{
+    delete obj;
+}
+
+int snd_ctl_elem_list_alloc_space(snd_ctl_elem_list_t *obj, unsigned int entries)
+{
+    obj->space = entries;
+    return 0;
+}
+
+void snd_ctl_elem_list_free_space(snd_ctl_elem_list_t *obj)
+{
+    obj->space = 0;
+    obj->numids.clear();
+}
+
+void snd_ctl_elem_list_set_offset(snd_ctl_elem_list_t *, unsigned int) {}
+
+int snd_ctl_elem_list(snd_ctl_t *ctl, snd_ctl_elem_list_t *list)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    list->numids.clear();
+    for (const fakealsa::Element &e : m.cards.at(ctl->card).elements) {
+        if (list->numids.size() >= list->space)
+            break;
+        list->numids.push_back(e.numid);
+    }
+    return 0;
+}
+
+unsigned int snd_ctl_elem_list_get_used(const snd_ctl_elem_list_t *obj)
+{
+    return static_cast<unsigned int>(obj->numids.size());
+}
+
+unsigned int snd_ctl_elem_list_get_numid(const snd_ctl_elem_list_t *obj, unsigned int idx)
+{
+    return idx < obj->numids.size() ? obj->numids[idx] : 0;
+}
+
+int snd_ctl_elem_info_malloc(snd_ctl_elem_info_t **ptr)
+{
+    *ptr = new _snd_ctl_elem_info();
+    return 0;
+}
+
+void snd_ctl_elem_info_free(snd_ctl_elem_info_t *obj)
+{
+    delete obj;
+}
+
+void snd_ctl_elem_info_set_numid(snd_ctl_elem_info_t *obj, unsigned int val)
+{
+    obj->numid = val;
+}
+
+int snd_ctl_elem_info(snd_ctl_t *ctl, snd_ctl_elem_info_t *info)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    for (const fakealsa::Element &e : m.cards.at(ctl->card).elements) {
+        if (e.numid == info->numid) {
+            info->element = e;
+            return 0;
+        }
+    }
+    return -ENOENT;
+}
+
+snd_ctl_elem_iface_t snd_ctl_elem_info_get_interface(const snd_ctl_elem_info_t *)
+{
+    return SND_CTL_ELEM_IFACE_MIXER;
+}
+
+snd_ctl_elem_type_t snd_ctl_elem_info_get_type(const snd_ctl_elem_info_t *obj)
+{
+    return static_cast<snd_ctl_elem_type_t>(obj->element.type);
+}
+
+unsigned int snd_ctl_elem_info_get_count(const snd_ctl_elem_info_t *obj)
+{
+    return obj->element.count;
+}
+
+const char *snd_ctl_elem_info_get_name(const snd_ctl_elem_info_t *obj)
+{
+    return obj->element.name.c_str();
+}
+
+long snd_ctl_elem_info_get_min(const snd_ctl_elem_info_t *obj)
+{
+    return obj->element.min;
+}
+
+long snd_ctl_elem_info_get_max(const snd_ctl_elem_info_t *obj)
+{
+    return obj->element.max;
+}
+
+const char *snd_ctl_elem_iface_name(snd_ctl_elem_iface_t iface)
+{
+    return iface == SND_CTL_ELEM_IFACE_MIXER ? "MIXER" : "CARD";
+}
+
+const char *snd_ctl_elem_type_name(snd_ctl_elem_type_t type)
+{
+    switch (type) {
+    case SND_CTL_ELEM_TYPE_BOOLEAN:
+        return "BOOLEAN";
+    case SND_CTL_ELEM_TYPE_INTEGER:
+        return "INTEGER";
+    case SND_CTL_ELEM_TYPE_ENUMERATED:
+        return "ENUMERATED";
+    default:
+        return "NONE";
+    }
+}
+
+int snd_ctl_elem_value_malloc(snd_ctl_elem_value_t **ptr)
+{
+    *ptr = new _snd_ctl_elem_value();
+    return 0;
+}
+
+void snd_ctl_elem_value_free(snd_ctl_elem_value_t *obj)
+{
+    delete obj;
+}
+
+void snd_ctl_elem_value_set_numid(snd_ctl_elem_value_t *obj, unsigned int val)
+{
+    obj->numid = val;
+}
+
+int snd_ctl_elem_read(snd_ctl_t *ctl, snd_ctl_elem_value_t *value)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    for (const fakealsa::Element &e : m.cards.at(ctl->card).elements) {
+        if (e.numid == value->numid) {
+            value->values = e.values;
+            return 0;
+        }
+    }
+    return -ENOENT;
+}
+
+int snd_ctl_elem_write(snd_ctl_t *ctl, snd_ctl_elem_value_t *value)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    for (fakealsa::Element &e : m.cards.at(ctl->card).elements) {
+        if (e.numid == value->numid) {
+            e.values = value->values;
+            e.values.resize(e.count, 0);
+            m.writes.push_back({ctl->card, e.numid, e.values});
+            return 0;
+        }
+    }
+    return -ENOENT;
+}
+
+int snd_ctl_elem_value_get_boolean(const snd_ctl_elem_value_t *obj, unsigned int idx)
+{
+    return idx < obj->values.size() && obj->values[idx] ? 1 : 0;
+}
+
+long snd_ctl_elem_value_get_integer(const snd_ctl_elem_value_t *obj, unsigned int idx)
+{
+    return idx < obj->values.size() ? obj->values[idx] : 0;
+}
+
+void snd_ctl_elem_value_set_integer(snd_ctl_elem_value_t *obj, unsigned int idx, long val)
+{
+    if (obj->values.size() <= idx)
+        obj->values.resize(idx + 1, 0);
+    obj->values[idx] = val;
+}
+
+int snd_pcm_open(snd_pcm_t **pcm, const char *name, snd_pcm_stream_t stream, int /*mode*/)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    m.openAttempts.push_back(name ? name : "");
+    const int i = cardIndex(name);
+    if (stream != SND_PCM_STREAM_CAPTURE || i < 0 || i >= static_cast<int>(m.cards.size())
+        || !present(m.cards[i]))
+        return -ENOENT;
+    Card &c = m.cards[i];
+    if (c.capture.openError)
+        return c.capture.openError;
+    if (c.busyLeft > 0) {
+        --c.busyLeft;
+        return -EBUSY;
+    }
+    *pcm = new _snd_pcm();
+    (*pcm)->card = i;
+    ++m.opens;
+    ++m.openHandles;
+    return 0;
+}
+
+int snd_pcm_close(snd_pcm_t *pcm)
+{
+    Model &m = model();
+    {
+        std::lock_guard<std::mutex> lock(m.mutex);
+        --m.openHandles;
+    }
+    delete pcm;
+    return 0;
+}
+
+int snd_pcm_hw_params_malloc(snd_pcm_hw_params_t **ptr)
+{
+    *ptr = new _snd_pcm_hw_params();
+    return 0;
+}
+
+void snd_pcm_hw_params_free(snd_pcm_hw_params_t *obj)
+{
+    delete obj;
+}
+
+int snd_pcm_hw_params_any(snd_pcm_t *, snd_pcm_hw_params_t *params)
+{
+    *params = _snd_pcm_hw_params();
+    return 0;
+}
+
+int snd_pcm_hw_params_set_access(snd_pcm_t *, snd_pcm_hw_params_t *, snd_pcm_access_t access)
+{
+    return access == SND_PCM_ACCESS_RW_INTERLEAVED ? 0 : -EINVAL;
+}
+
+int snd_pcm_hw_params_set_format(snd_pcm_t *, snd_pcm_hw_params_t *, snd_pcm_format_t format)
+{
+    return format == SND_PCM_FORMAT_S16_LE ? 0 : -EINVAL;
+}
+
+int snd_pcm_hw_params_set_rate_near(snd_pcm_t *pcm, snd_pcm_hw_params_t *params, unsigned int *val,
+                                    int *dir)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    const std::vector<unsigned int> &rates = m.cards.at(pcm->card).capture.rates;
+    if (rates.empty())
+        return -EINVAL;
+    unsigned int best = rates.front();
+    for (unsigned int r : rates)
+        if (std::labs(long(r) - long(*val)) < std::labs(long(best) - long(*val)))
+            best = r;
+    *val = best;
+    params->rate = best;
+    if (dir)
+        *dir = 0;
+    return 0;
+}
+
+int snd_pcm_hw_params_set_channels(snd_pcm_t *pcm, snd_pcm_hw_params_t *params, unsigned int val)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    const std::vector<unsigned int> &ok = m.cards.at(pcm->card).capture.channels;
+    if (std::find(ok.begin(), ok.end(), val) == ok.end())
+        return -EINVAL;
+    params->channels = val;
+    return 0;
+}
+
+int snd_pcm_hw_params(snd_pcm_t *pcm, snd_pcm_hw_params_t *params)
+{
+    if (!params->rate || !params->channels)
+        return -EINVAL;
+    pcm->rate = params->rate;
+    pcm->channels = params->channels;
+    return 0;
+}
+
+int snd_pcm_prepare(snd_pcm_t *pcm)
+{
+    pcm->position = 0;
+    pcm->started = Clock::now();
+    return 0;
+}
+
+int snd_pcm_format_width(snd_pcm_format_t format)
+{
+    switch (format) {
+    case SND_PCM_FORMAT_S8:
+    case SND_PCM_FORMAT_U8:
+        return 8;
+    case SND_PCM_FORMAT_S16_LE:
+    case SND_PCM_FORMAT_S16_BE:
+        return 16;
+    case SND_PCM_FORMAT_S32_LE:
+        return 32;
+    default:
+        return -EINVAL;
+    }
+}
+
+snd_pcm_sframes_t snd_pcm_readi(snd_pcm_t *pcm, void *buffer, snd_pcm_uframes_t size)
+{
+    Model &m = model();
+    double frequency;
+    long frames = static_cast<long>(size);
+    {
+        std::lock_guard<std::mutex> lock(m.mutex);
+        Card &c = m.cards.at(pcm->card);
+        if (!present(c))
+            return -ENODEV;
+        if (c.capture.unplugAfterReads >= 0 && c.reads >= c.capture.unplugAfterReads) {
+            c.unplugged = true;
+            c.unpluggedAt = Clock::now();
+            return -ENODEV;
+        }
+        if (c.capture.shortReadAfterReads >= 0 && c.reads == c.capture.shortReadAfterReads) {
+            c.capture.shortReadAfterReads = -1;
+            frames = frames / 2;
+        }
+        frequency = c.capture.frequency;
+    }
+    // Real-time pace: the frames are there when the sound card would have them.
+    const auto due = pcm->started
+        + std::chrono::nanoseconds((pcm->position + frames) * 1000000000LL / pcm->rate);
+    std::this_thread::sleep_until(due);
+    auto *out = static_cast<short *>(buffer);
+    for (long f = 0; f < frames; ++f)
+        for (unsigned int ch = 0; ch < pcm->channels; ++ch)
+            out[f * pcm->channels + ch] =
+                fakealsa::sampleAt(pcm->position + f, static_cast<int>(ch), pcm->rate, frequency);
+    pcm->position += frames;
+    if (frames == static_cast<long>(size)) {
+        std::lock_guard<std::mutex> lock(m.mutex);
+        ++m.cards.at(pcm->card).reads;
+        ++m.readsDelivered;
+    }
+    return frames;
+}
+
+} // extern "C"

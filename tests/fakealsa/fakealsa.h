@@ -1,0 +1,66 @@
+#ifndef FAKEALSA_H
+#define FAKEALSA_H
+
+// Simulated sound hardware: the libasound functions the capture code calls, defined
+// over an in-memory model that a test scripts. Link it in place of libasound, or put
+// it in front of it (LD_PRELOAD, or linked into a program that then loads the plugin).
+// Thread-safe: the capture thread reads while the test scripts.
+
+#include <string>
+#include <vector>
+
+namespace fakealsa {
+
+// A mixer control element.
+struct Element {
+    unsigned int numid = 0;
+    std::string name;
+    int type = 2;                // SND_CTL_ELEM_TYPE_BOOLEAN (1), _INTEGER (2), or other
+    unsigned int count = 1;      // values
+    long min = 0, max = 100;     // integer range
+    std::vector<long> values;    // count values (missing ones read as 0)
+};
+
+// The card's capture device.
+struct Capture {
+    std::vector<unsigned int> rates{48000};     // granted: the nearest of these
+    std::vector<unsigned int> channels{1, 2};   // accepted channel counts
+    double frequency = 1000.0;   // channel c carries a sine of frequency x (c + 1) Hz
+    int busyOpens = 0;           // this many opens fail with -EBUSY first
+    int openError = 0;           // every open fails with this (negative errno) if set
+    long unplugAfterReads = -1;  // after this many complete reads the card is unplugged
+    long replugAfterMs = -1;     // ...and back this long after it went (-1: never)
+    long shortReadAfterReads = -1; // this read (0-based) delivers half the frames asked
+};
+
+void reset();
+// Adds a card (index = cards added before); returns its index.
+int addCard(const std::string &name, const std::vector<Element> &elements = {},
+            const Capture &capture = Capture());
+// The control device of this card fails to open.
+void setControlOpenFails(int card);
+
+// One snd_ctl_elem_write: the element's values after the write.
+struct MixerWrite {
+    int card;
+    unsigned int numid;
+    std::vector<long> values;
+};
+std::vector<MixerWrite> mixerWrites();
+// Current values of an element.
+std::vector<long> elementValues(int card, unsigned int numid);
+// Every snd_pcm_open call: the device name asked for.
+std::vector<std::string> pcmOpenAttempts();
+// Successful opens.
+int pcmOpens();
+// Currently open capture handles (leak check).
+int pcmOpenHandles();
+// Complete reads delivered.
+long readsDelivered();
+
+// Sample the simulated microphone delivers at frame `frame` of channel `channel`.
+short sampleAt(long frame, int channel, unsigned int rate, double frequency);
+
+} // namespace fakealsa
+
+#endif // FAKEALSA_H

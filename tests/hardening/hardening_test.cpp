@@ -1,0 +1,389 @@
+// Bad paths, driven through the built plugin as a host would: every case must end with
+// the session over, isRecording() false, endUse called once, and a file that is either
+// complete and readable or absent.
+#include <QCoreApplication>
+#include <QFile>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+#include <unistd.h>
+
+#include <opencv2/core.hpp>
+
+#include "fakealsa.h"
+#include "simulatedmic.h"
+#include "support/loadedrecorder.h"
+#include "support/mediareader.h"
+#include "support/testutil.h"
+#include "syntheticcamera.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// A camera whose frames the test shapes: a function of the frame number.
+class ScriptedCamera : public PluginComponent
+{
+public:
+    using Maker = std::function<cv::Mat(long)>;
+    explicit ScriptedCamera(Maker make, std::chrono::milliseconds period = 20ms)
+        : m_make(std::move(make)), m_period(period) {}
+    void beginUse() override { ++begins; }
+    bool getFrame(cv::Mat &frame) override
+    {
+        std::this_thread::sleep_for(m_period);
+        frame = m_make(frames++);
+        return true;
+    }
+    void endUse() override { ++ends; }
+    std::atomic<int> begins{0}, ends{0};
+    std::atomic<long> frames{0};
+
+private:
+    Maker m_make;
+    std::chrono::milliseconds m_period;
+};
+
+cv::Mat solid(int w, int h, cv::Scalar c = cv::Scalar(20, 120, 220))
+{
+    return cv::Mat(h, w, CV_8UC3, c);
+}
+
+class HardeningTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        simulatedmic::reset();
+        ASSERT_TRUE(rec.loaded()) << qPrintable(rec.error());
+        rec->setHasAudio(false);
+        rec->vSetRecSize(160, 120);
+        rec->setFps(20);
+    }
+    std::string path(const std::string &name) const { return dir.file(name); }
+
+    // Starts, waits for the answer, runs `during` for the recording, stops; returns the
+    // start answer. The session must always end.
+    bool run(ScriptedCamera &camera, const std::string &file, std::chrono::milliseconds length,
+             const std::function<void()> &during = {})
+    {
+        rec->setPluginComponent(&camera);
+        rec->setFilename(QString::fromStdString(file));
+        bool started = false;
+        testutil::captureStdout([&] {
+            rec->startRecord();
+            started = rec->waitForRecordStart(30000);
+            const auto until = std::chrono::steady_clock::now() + length;
+            if (during)
+                during();
+            std::this_thread::sleep_until(until);
+            EXPECT_TRUE(rec.stopAndWait(60s));
+        });
+        EXPECT_FALSE(rec->isRecording());
+        EXPECT_TRUE(testutil::pollUntil([&] { return camera.ends == 1; }, 10s));
+        EXPECT_EQ(camera.begins, 1);
+        return started;
+    }
+
+    // The file is complete and readable (returns it), or absent.
+    MediaFile readableOrAbsent(const std::string &file)
+    {
+        MediaFile f;
+        if (!QFile::exists(QString::fromStdString(file)))
+            return f;
+        std::string err;
+        EXPECT_TRUE(readMediaFile(file, f, &err)) << file << ": " << err;
+        return f;
+    }
+
+    testutil::TempDir dir;
+    LoadedRecorder rec{QStringLiteral(RECORDER_PLUGIN_PATH)};
+};
+
+} // namespace
+
+TEST_F(HardeningTest, OutputInAMissingDirectoryEndsWithoutAFile)
+{
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    EXPECT_FALSE(run(cam, path("gone/x.mp4"), 300ms));
+    EXPECT_FALSE(QFile::exists(QString::fromStdString(path("gone/x.mp4"))));
+}
+
+TEST_F(HardeningTest, OutputInAReadOnlyDirectoryEndsWithoutAFile)
+{
+    if (geteuid() == 0)
+        GTEST_SKIP() << "root writes into read-only directories";
+    std::filesystem::create_directory(path("ro"));
+    std::filesystem::permissions(path("ro"), std::filesystem::perms::owner_read
+                                                 | std::filesystem::perms::owner_exec);
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    EXPECT_FALSE(run(cam, path("ro/x.mp4"), 300ms));
+}
+
+TEST_F(HardeningTest, AnOutputWhereEveryWriteFailsEndsTheSession)
+{
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    run(cam, "/dev/full", 800ms);
+}
+
+TEST_F(HardeningTest, TheOutputDirectoryRemovedDuringTheRecordingEndsTheSession)
+{
+    std::filesystem::create_directory(path("out"));
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    EXPECT_TRUE(run(cam, path("out/x.mp4"), 1000ms,
+                    [&] { std::filesystem::remove_all(path("out")); }));
+}
+
+TEST_F(HardeningTest, AThrowingFrameSourceEndsTheRecordingAndKeepsWhatWasRecorded)
+{
+    ScriptedCamera cam([](long n) {
+        if (n == 30)
+            throw std::runtime_error("camera unplugged");
+        return SyntheticCamera::makeFrame(160, 120, n, 0);
+    });
+    const std::string file = path("throw.mp4");
+    EXPECT_TRUE(run(cam, file, 3000ms));
+    const MediaFile f = readableOrAbsent(file);
+    ASSERT_NE(f.video(), nullptr);
+    EXPECT_GE(f.frames.size(), 10u); // the frames before the throw are in the file
+}
+
+TEST_F(HardeningTest, FramesOfAnotherTypeAreRefusedAndOthersScaled)
+{
+    // Grey, BGRA, 16-bit and changing sizes among good frames: no crash, no garbage.
+    ScriptedCamera cam([](long n) {
+        switch (n % 6) {
+        case 0: return cv::Mat(120, 160, CV_8UC1, cv::Scalar(200));
+        case 1: return cv::Mat(120, 160, CV_8UC4, cv::Scalar(1, 2, 3, 4));
+        case 2: return cv::Mat(120, 160, CV_16UC3, cv::Scalar(9000, 9000, 9000));
+        case 3: return solid(320, 200, cv::Scalar(0, 0, 255));
+        case 4: return solid(33, 17, cv::Scalar(0, 0, 255));
+        default: return solid(160, 120, cv::Scalar(0, 0, 255));
+        }
+    }, 5ms);
+    const std::string file = path("types.mkv");
+    EXPECT_TRUE(run(cam, file, 1500ms));
+    const MediaFile f = readableOrAbsent(file);
+    for (const cv::Mat &img : f.frames) {
+        ASSERT_EQ(img.size(), cv::Size(160, 120));
+        const cv::Scalar m = cv::mean(img);
+        EXPECT_GT(m[2], 200) << "a frame that is not one of the red ones was encoded";
+        EXPECT_LT(m[0], 60);
+    }
+}
+
+TEST_F(HardeningTest, AComponentSwitchedToNullLeavesTheRecordingStoppable)
+{
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    const std::string file = path("null.mp4");
+    EXPECT_TRUE(run(cam, file, 1200ms, [&] {
+        std::this_thread::sleep_for(500ms);
+        rec->setPluginComponent(nullptr);
+    }));
+    EXPECT_NE(readableOrAbsent(file).video(), nullptr);
+}
+
+TEST_F(HardeningTest, SettingsAtTheEdgesNeverCrashOrHang)
+{
+    struct Edge {
+        long w, h;
+        int fps;
+        unsigned bitrate;
+        const char *name;
+    };
+    const std::vector<Edge> edges = {
+        {0, 0, 20, 500000, "zero.mp4"},          {2, 2, 20, 500000, "two.mp4"},
+        {160, 120, 0, 500000, "fps0.mp4"},        {160, 120, 1, 500000, "fps1.mp4"},
+        {160, 120, 240, 500000, "fps240.mp4"},    {160, 120, -5, 500000, "fpsneg.mp4"},
+        {160, 120, 20, 0, "bitrate0.mp4"},        {160, 120, 20, 4000000000u, "bitrate4g.mp4"},
+        {160, 120, 20, 500000, ""},               {160, 120, 20, 500000, "名 with spaces é.mp4"},
+    };
+    for (const Edge &e : edges) {
+        SCOPED_TRACE(std::string(e.name) + " " + std::to_string(e.w) + "x" + std::to_string(e.h)
+                     + " fps " + std::to_string(e.fps));
+        ScriptedCamera cam([](long n) { return SyntheticCamera::makeFrame(160, 120, n, 0); });
+        rec->vSetRecSize(e.w, e.h);
+        rec->setFps(e.fps);
+        rec->setVideoBitrate(e.bitrate);
+        const std::string file = *e.name ? path(e.name) : std::string();
+        const bool started = run(cam, file, 600ms);
+        if (started && !file.empty()) {
+            const MediaFile f = readableOrAbsent(file);
+            ASSERT_NE(f.video(), nullptr);
+            if (e.fps <= 0) { // taken as 10 frames per second
+                EXPECT_EQ(f.video()->timeBase.den % 10, 0);
+            }
+        }
+    }
+    rec->vSetRecSize(160, 120);
+    rec->setFps(20);
+    rec->setVideoBitrate(500000);
+}
+
+TEST_F(HardeningTest, AnEightKFrameIsRecorded)
+{
+    rec->vSetRecSize(7680, 4320);
+    rec->setFps(5);
+    ScriptedCamera cam([](long) { return solid(640, 360); }, 200ms);
+    const std::string file = path("8k.mp4");
+    EXPECT_TRUE(run(cam, file, 1500ms));
+    const MediaFile f = readableOrAbsent(file);
+    ASSERT_NE(f.video(), nullptr);
+    EXPECT_EQ(f.video()->width, 7680);
+}
+
+TEST_F(HardeningTest, StopDuringStartUpEndsCleanly)
+{
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    rec->setPluginComponent(&cam);
+    rec->setFilename(QString::fromStdString(path("early.mp4")));
+    testutil::captureStdout([&] {
+        rec->startRecord();
+        rec->stopRecord();
+        EXPECT_TRUE(rec.stopAndWait(60s));
+    });
+    EXPECT_TRUE(testutil::pollUntil([&] { return cam.ends == 1; }, 10s));
+    EXPECT_EQ(cam.begins, 1);
+    readableOrAbsent(path("early.mp4"));
+}
+
+TEST_F(HardeningTest, StopWhilePausedEndsAndTheNextRecordingIsNotPaused)
+{
+    ScriptedCamera cam([](long n) { return SyntheticCamera::makeFrame(160, 120, n, 0); });
+    run(cam, path("p1.mp4"), 1000ms, [&] {
+        std::this_thread::sleep_for(400ms);
+        EXPECT_TRUE(rec->bPauseRec());
+    });
+    ScriptedCamera cam2([](long n) { return SyntheticCamera::makeFrame(160, 120, n, 0); });
+    run(cam2, path("p2.mp4"), 1000ms);
+    EXPECT_GE(readableOrAbsent(path("p2.mp4")).frames.size(), 10u);
+}
+
+TEST_F(HardeningTest, AThousandPausesAndResumes)
+{
+    ScriptedCamera cam([](long n) { return SyntheticCamera::makeFrame(160, 120, n, 0); }, 2ms);
+    const std::string file = path("flicker.mp4");
+    run(cam, file, 500ms, [&] {
+        for (int i = 0; i < 1000; ++i) {
+            EXPECT_TRUE(rec->bPauseRec());
+            EXPECT_TRUE(rec->bResumeRec());
+        }
+    });
+    EXPECT_NE(readableOrAbsent(file).video(), nullptr);
+}
+
+TEST_F(HardeningTest, StartAndStopFromSeveralThreadsAtOnce)
+{
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    rec->setPluginComponent(&cam);
+    rec->setFilename(QString::fromStdString(path("race.mp4")));
+    testutil::captureStdout([&] {
+        std::vector<std::thread> hosts;
+        for (int t = 0; t < 4; ++t)
+            hosts.emplace_back([&, t] {
+                for (int i = 0; i < 50; ++i) {
+                    if ((i + t) % 2)
+                        rec->startRecord();
+                    else
+                        rec->stopRecord();
+                }
+            });
+        for (std::thread &h : hosts)
+            h.join();
+        EXPECT_TRUE(rec.stopAndWait(120s));
+    });
+    EXPECT_FALSE(rec->isRecording());
+    EXPECT_EQ(cam.begins.load(), cam.ends.load());
+}
+
+TEST_F(HardeningTest, DeletingTheInstanceRightAfterStopWaitsForTheSession)
+{
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    rec->setPluginComponent(&cam);
+    rec->setFilename(QString::fromStdString(path("del.mp4")));
+    testutil::captureStdout([&] {
+        rec->startRecord();
+        ASSERT_TRUE(rec->waitForRecordStart(30000));
+        std::this_thread::sleep_for(300ms);
+        rec->stopRecord();
+        // The owner deletes the instance while the session is still finishing the file.
+        delete rec.thread();
+    });
+    EXPECT_EQ(cam.ends, 1);
+    EXPECT_NE(readableOrAbsent(path("del.mp4")).video(), nullptr);
+}
+
+TEST_F(HardeningTest, AMicrophoneUnpluggedForGoodLeavesTheVideoGoingOn)
+{
+    fakealsa::Capture c;
+    c.unplugAfterReads = 40; // about one second of sound
+    fakealsa::addCard("KW-08P USBCamera", {}, c);
+    rec->setHasAudio(true);
+    ScriptedCamera cam([](long n) { return SyntheticCamera::makeFrame(160, 120, n, 0); });
+    const std::string file = path("unplug.mp4");
+    std::chrono::steady_clock::time_point t0;
+    ASSERT_TRUE(run(cam, file, 3000ms, [&] { t0 = std::chrono::steady_clock::now(); }));
+    const MediaFile f = readableOrAbsent(file);
+    ASSERT_NE(f.video(), nullptr);
+    ASSERT_NE(f.audio(), nullptr);
+    EXPECT_LT(f.audioSeconds(), 1.5);
+    EXPECT_GT(f.videoSeconds(), 2.3); // the picture went on after the sound stopped
+}
+
+TEST_F(HardeningTest, ABusyMicrophoneAnswersWithinTheHostsTimeOut)
+{
+    fakealsa::Capture c;
+    c.busyOpens = 1000;
+    fakealsa::addCard("KW-08P USBCamera", {}, c);
+    qputenv("PATH", QByteArray(FAKE_KILLALL_DIR ":") + qgetenv("PATH"));
+    rec->setHasAudio(true);
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    rec->setPluginComponent(&cam);
+    rec->setFilename(QString::fromStdString(path("busy.mp4")));
+    testutil::captureStdout([&] {
+        rec->startRecord();
+        const auto t0 = std::chrono::steady_clock::now();
+        EXPECT_TRUE(rec->waitForRecordStart(20000)); // video goes on without the sound
+        EXPECT_LT(std::chrono::steady_clock::now() - t0, 20s);
+        EXPECT_TRUE(rec.stopAndWait(60s));
+    });
+    EXPECT_FALSE(rec->hasAudio());
+}
+
+TEST_F(HardeningTest, LongRunTwoHundredCyclesDoNotGrow)
+{
+    ScriptedCamera cam([](long) { return solid(64, 48); }, 10ms);
+    rec->vSetRecSize(64, 48);
+    rec->setPluginComponent(&cam);
+    rec->setFilename(QString::fromStdString(path("cycle.mp4")));
+    long rss20 = 0;
+    int threads20 = 0;
+    for (int i = 1; i <= 200; ++i) {
+        testutil::captureStdout([&] {
+            rec->startRecord();
+            ASSERT_TRUE(rec->waitForRecordStart(30000)) << "cycle " << i;
+            ASSERT_TRUE(rec.stopAndWait(60s)) << "cycle " << i;
+        });
+        if (i == 20) {
+            rss20 = testutil::residentKiB();
+            threads20 = testutil::threadCount();
+        }
+    }
+    const long rss200 = testutil::residentKiB();
+    std::printf("RSS after cycle 20: %ld KiB, after cycle 200: %ld KiB; threads %d -> %d\n", rss20,
+                rss200, threads20, testutil::threadCount());
+    EXPECT_LE(rss200, rss20 * 105 / 100);
+    EXPECT_LE(testutil::threadCount(), threads20);
+    EXPECT_EQ(cam.begins, 200);
+    EXPECT_EQ(cam.ends, 200);
+}
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

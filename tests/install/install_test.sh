@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Installs the built project into a temporary prefix, builds the example host against the
+# installed package and runs it.
+# usage: install_test.sh BUILD_DIR SOURCE_DIR [SANITIZE]
+set -euo pipefail
+build=$1
+src=$2
+sanitize=${3:-}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+test -f "$work/prefix/include/kwrecorder/ffmpegplugin.h"
+test -f "$work/prefix/lib/pkgconfig/kwrecorder.pc" || test -n "$(ls "$work"/prefix/lib/*/pkgconfig/kwrecorder.pc 2>/dev/null)"
+plugin=$(find "$work/prefix" -name libffmpegplugin.so | head -n 1)
+test -n "$plugin"
+
+flags=()
+if [ -n "$sanitize" ]; then
+  # The example must carry the same sanitizer runtime as the plugin it loads.
+  flags=(-DCMAKE_CXX_FLAGS="-fsanitize=$sanitize" -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=$sanitize")
+fi
+cmake -S "$src/examples/record_clip" -B "$work/example" -DCMAKE_PREFIX_PATH="$work/prefix" \
+  "${flags[@]}" >/dev/null
+cmake --build "$work/example" >/dev/null
+cd "$work"
+"$work/example/record_clip" "$work/clip.mp4"

@@ -1,0 +1,66 @@
+#ifndef MEDIAREADER_H
+#define MEDIAREADER_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <opencv2/core/mat.hpp>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/rational.h>
+}
+
+// What a written file holds, read back with libavformat/libavcodec.
+struct MediaStream {
+    int index = -1;
+    AVMediaType type = AVMEDIA_TYPE_UNKNOWN;
+    AVCodecID codecId = AV_CODEC_ID_NONE;
+    AVRational timeBase{0, 1};
+    int width = 0, height = 0;        // video
+    int sampleRate = 0, channels = 0; // audio
+    int frameSize = 0;                // audio: the codec's frame size if known
+    std::vector<int64_t> packetPts;   // every packet's pts in file order (stream time base)
+    std::vector<int64_t> packetDts;
+    std::vector<int64_t> packetDuration;
+    // From the first pts to the end of the last packet, in seconds.
+    double durationSeconds() const;
+};
+
+struct MediaFile {
+    std::string formatName;           // e.g. "mov,mp4,m4a,3gp,3g2,mj2"
+    std::vector<MediaStream> streams;
+    std::vector<int> packetStreamOrder; // stream index of every packet in file order
+    std::vector<cv::Mat> frames;      // decoded pictures, CV_8UC3 BGR, display order
+    std::vector<int64_t> framePts;    // their pts in the video stream's time base
+    std::vector<int16_t> samples;     // decoded audio, interleaved S16
+    int audioChannels = 0, audioSampleRate = 0;
+
+    const MediaStream *video() const; // first stream of that type, or nullptr
+    const MediaStream *audio() const;
+    // Decoded pictures (or, without decoding, packets) x the stream's frame period.
+    double videoSeconds() const;
+    // Decoded samples per channel / rate.
+    double audioSeconds() const;
+};
+
+// false (and *error set) when the file cannot be opened or read.
+bool readMediaFile(const std::string &path, MediaFile &out, std::string *error = nullptr,
+                   bool decodePictures = true);
+
+// The dominant frequency in Hz of one channel of interleaved S16 samples.
+double dominantFrequency(const std::vector<int16_t> &interleaved, int channels, int channel,
+                         int sampleRate);
+
+// A CV_8UC3 BGR picture of one colour, a horizontal/vertical gradient, or with rows
+// padded past width x 3 bytes (same pixels as `img`).
+cv::Mat solidImage(int width, int height, const cv::Scalar &bgr);
+cv::Mat gradientImage(int width, int height);
+cv::Mat paddedCopy(const cv::Mat &img, int extraPixelsPerRow);
+
+// Mean absolute difference per channel value between two same-size BGR pictures
+// (optionally only inside `roi`).
+double meanAbsDiff(const cv::Mat &a, const cv::Mat &b);
+
+#endif // MEDIAREADER_H

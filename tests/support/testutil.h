@@ -1,0 +1,42 @@
+#ifndef TESTUTIL_H
+#define TESTUTIL_H
+
+#include <QString>
+#include <chrono>
+#include <functional>
+#include <string>
+
+namespace testutil {
+
+// Polls `condition` every `period` until it holds or `timeout` passes; returns its last value.
+bool pollUntil(const std::function<bool()> &condition,
+               std::chrono::milliseconds timeout,
+               std::chrono::milliseconds period = std::chrono::milliseconds(2));
+
+// A fresh directory under the system temp dir, removed with everything in it on destruction.
+class TempDir
+{
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    const std::string &path() const { return m_path; }
+    std::string file(const std::string &name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+// Runs `body` with standard output captured at the descriptor level (printf, puts,
+// std::cout and child writes alike) and returns what it printed.
+std::string captureStdout(const std::function<void()> &body);
+
+// Number of threads of this process, from /proc/self/status.
+int threadCount();
+// Resident set size of this process in KiB, from /proc/self/status.
+long residentKiB();
+
+} // namespace testutil
+
+#endif // TESTUTIL_H
