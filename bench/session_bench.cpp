@@ -1,0 +1,251 @@
+// Records through the built plugin as a host does (synthetic 30 fps camera, simulated
+// microphone) and prints what a user pays and gets: CPU seconds per recorded second,
+// peak memory, frames in the file against wall time x fps, the audio/video duration gap,
+// and the same CPU figure for the ffmpeg command line encoding the same frames with the
+// same settings, measured in the same run.
+//
+// usage: session_bench [--seconds N] [--sizes 1280x720,1920x1080] [--fps N] [--bitrate N]
+//                      [--no-reference] [--plugin PATH]
+#include <QCoreApplication>
+#include <QRegularExpression>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "simulatedmic.h"
+#include "support/loadedrecorder.h"
+#include "support/mediareader.h"
+#include "support/qtmessages.h"
+#include "support/testutil.h"
+#include "syntheticcamera.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+    double seconds = 60;
+    std::vector<std::pair<int, int>> sizes{{1280, 720}, {1920, 1080}};
+    int fps = 30;
+    unsigned bitrate = 2000000;
+    bool reference = true;
+    QString plugin = QStringLiteral(RECORDER_PLUGIN_PATH);
+};
+
+// A 30 fps camera that cycles through pre-rendered frames, so that drawing the pattern
+// costs nothing during the measurement; paced on a steady-clock schedule.
+class PrerenderedCamera : public PluginComponent
+{
+public:
+    PrerenderedCamera(int w, int h, int fps) : m_period(std::chrono::nanoseconds(1000000000LL / fps))
+    {
+        for (int i = 0; i < kFrames; ++i)
+            m_frames.push_back(SyntheticCamera::makeFrame(w, h, i, i * 1000 / fps));
+    }
+    static constexpr int kFrames = 30;
+    void beginUse() override {}
+    bool getFrame(cv::Mat &frame) override
+    {
+        if (m_next == 0)
+            m_start = Clock::now();
+        std::this_thread::sleep_until(m_start + m_period * m_next);
+        frame = m_frames[m_next % kFrames];
+        ++m_next;
+        return true;
+    }
+    void endUse() override {}
+    const std::vector<cv::Mat> &frames() const { return m_frames; }
+
+private:
+    const Clock::duration m_period;
+    Clock::time_point m_start;
+    long m_next = 0;
+    std::vector<cv::Mat> m_frames;
+};
+
+double cpuSeconds(int who)
+{
+    rusage u{};
+    getrusage(who, &u);
+    return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+long peakKiB()
+{
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return u.ru_maxrss;
+}
+
+// Encodes `count` frames of the camera's cycle plus a sine track with the ffmpeg command
+// line at the recorder's settings; returns its CPU seconds (-1 on failure).
+double referenceCpu(const PrerenderedCamera &cam, int w, int h, int fps, unsigned bitrate,
+                    long count, double seconds, const std::string &out)
+{
+    const std::string cmd = "ffmpeg -loglevel error -y -f rawvideo -pix_fmt bgr24 -s "
+        + std::to_string(w) + "x" + std::to_string(h) + " -r " + std::to_string(fps)
+        + " -i - -f lavfi -i sine=frequency=1000:sample_rate=48000:duration="
+        + std::to_string(seconds) + " -c:v libx264 -preset superfast -tune zerolatency -g 12 -b:v "
+        + std::to_string(bitrate) + " -pix_fmt yuv420p -c:a aac -b:a 64000 -ac 1 " + out;
+    const double before = cpuSeconds(RUSAGE_CHILDREN);
+    FILE *pipe = popen(cmd.c_str(), "w");
+    if (!pipe)
+        return -1;
+    for (long i = 0; i < count; ++i) {
+        const cv::Mat &f = cam.frames()[i % PrerenderedCamera::kFrames];
+        if (fwrite(f.data, 1, f.total() * f.elemSize(), pipe) != f.total() * f.elemSize())
+            break;
+    }
+    if (pclose(pipe) != 0)
+        return -1;
+    return cpuSeconds(RUSAGE_CHILDREN) - before;
+}
+
+// One size, in a process of its own so that peak memory is this run's.
+int runOne(const Options &o, int w, int h)
+{
+    int argc = 1;
+    char name[] = "session_bench";
+    char *argv[] = {name, nullptr};
+    QCoreApplication app(argc, argv);
+    QTemporaryDir dir;
+    const QString file = dir.filePath("bench.mp4");
+
+    simulatedmic::reset();
+    simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
+    PrerenderedCamera camera(w, h, o.fps);
+    QtMessageCollector log;
+    LoadedRecorder rec(o.plugin);
+    if (!rec.loaded()) {
+        std::fprintf(stderr, "cannot load the plugin: %s\n", qPrintable(rec.error()));
+        return 1;
+    }
+    rec->setPluginComponent(&camera);
+    rec->setFilename(file);
+    rec->vSetRecSize(w, h);
+    rec->setFps(o.fps);
+    rec->setVideoBitrate(o.bitrate);
+
+    const double cpu0 = cpuSeconds(RUSAGE_SELF);
+    Clock::time_point t0, t1;
+    testutil::captureStdout([&] {
+        rec->startRecord();
+        if (!rec->waitForRecordStart(20000))
+            return;
+        t0 = Clock::now();
+        std::this_thread::sleep_for(std::chrono::duration<double>(o.seconds));
+        t1 = Clock::now();
+        rec.stopAndWait(std::chrono::minutes(10));
+    });
+    const double cpu = cpuSeconds(RUSAGE_SELF) - cpu0;
+    const double wall = std::chrono::duration<double>(t1 - t0).count();
+    const long peak = peakKiB();
+
+    MediaFile f;
+    std::string err;
+    if (wall <= 0 || !readMediaFile(file.toStdString(), f, &err, false)) {
+        std::fprintf(stderr, "%dx%d: no readable recording: %s\n", w, h, err.c_str());
+        return 1;
+    }
+    const long frames = f.video() ? long(f.video()->packetPts.size()) : 0;
+    const double videoSeconds = double(frames) / o.fps;
+    const double audioSeconds = f.audioSeconds();
+    long madeUp = -1, notMadeUp = -1;
+    const QRegularExpression stalls(QStringLiteral("(\\d+) frames made up after stalls, (\\d+) not"));
+    for (const QString &m : log.messages()) {
+        const auto match = stalls.match(m);
+        if (match.hasMatch()) {
+            madeUp = match.captured(1).toLong();
+            notMadeUp = match.captured(2).toLong();
+        }
+    }
+
+    std::printf("%dx%d@%d, %.1f s recorded (wall), %u bit/s\n", w, h, o.fps, wall, o.bitrate);
+    std::printf("  frames in file         %ld  (wall x fps = %.0f, %+.2f%%)\n", frames,
+                wall * o.fps, 100.0 * (frames - wall * o.fps) / (wall * o.fps));
+    std::printf("  video duration         %.3f s  (frames / fps; %+.2f%% of wall)\n", videoSeconds,
+                100.0 * (videoSeconds - wall) / wall);
+    std::printf("  audio duration         %.3f s  (decoded samples)\n", audioSeconds);
+    std::printf("  |video - audio|        %.1f ms\n", 1000.0 * std::fabs(videoSeconds - audioSeconds));
+    if (madeUp >= 0)
+        std::printf("  frames made up after stalls %ld, not made up %ld\n", madeUp, notMadeUp);
+    std::printf("  plugin CPU             %.3f s per recorded second (%.1f s in all)\n", cpu / wall,
+                cpu);
+    std::printf("  peak resident memory   %.1f MiB\n", peak / 1024.0);
+    if (o.reference) {
+        const double ref = referenceCpu(camera, w, h, o.fps, o.bitrate, frames, videoSeconds,
+                                        dir.filePath("ref.mp4").toStdString());
+        if (ref > 0) {
+            std::printf("  ffmpeg CLI CPU         %.3f s per second of content (%.1f s in all)\n",
+                        ref / videoSeconds, ref);
+            std::printf("  ratio plugin / ffmpeg  %.2f\n", (cpu / wall) / (ref / videoSeconds));
+        } else {
+            std::printf("  ffmpeg CLI reference failed\n");
+        }
+    }
+    std::fflush(stdout);
+    return 0;
+}
+
+bool parse(int argc, char **argv, Options &o)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        const bool more = i + 1 < argc;
+        if (a == "--seconds" && more) {
+            o.seconds = std::atof(argv[++i]);
+        } else if (a == "--fps" && more) {
+            o.fps = std::atoi(argv[++i]);
+        } else if (a == "--bitrate" && more) {
+            o.bitrate = unsigned(std::atol(argv[++i]));
+        } else if (a == "--plugin" && more) {
+            o.plugin = QString::fromLocal8Bit(argv[++i]);
+        } else if (a == "--no-reference") {
+            o.reference = false;
+        } else if (a == "--sizes" && more) {
+            o.sizes.clear();
+            for (const QString &s : QString(argv[++i]).split(',')) {
+                const QStringList wh = s.split('x');
+                if (wh.size() != 2)
+                    return false;
+                o.sizes.emplace_back(wh[0].toInt(), wh[1].toInt());
+            }
+        } else {
+            return false;
+        }
+    }
+    return o.seconds > 0 && o.fps > 0 && !o.sizes.empty();
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Options o;
+    if (!parse(argc, argv, o)) {
+        std::fprintf(stderr, "usage: session_bench [--seconds N] [--sizes WxH,...] [--fps N] "
+                             "[--bitrate N] [--no-reference] [--plugin PATH]\n");
+        return 2;
+    }
+    int failures = 0;
+    for (const auto &[w, h] : o.sizes) {
+        std::fflush(stdout);
+        const pid_t child = fork();
+        if (child == 0)
+            _exit(runOne(o, w, h));
+        int status = 0;
+        waitpid(child, &status, 0);
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+            ++failures;
+    }
+    return failures ? 1 : 0;
+}

@@ -1,0 +1,51 @@
+#ifndef SYNTHETICCAMERA_H
+#define SYNTHETICCAMERA_H
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <opencv2/core/mat.hpp>
+
+#include "plugincomponent.h"
+
+// A camera that needs no hardware: a moving colour pattern with the frame number
+// drawn as text and as a row of black/white marks (readable after lossy encoding),
+// delivered at a chosen camera rate. getFrame blocks until the next frame is due,
+// as a real capture call does. Used by the demo host, the benchmarks and the tests.
+class SyntheticCamera : public PluginComponent
+{
+public:
+    // cameraFps <= 0: every getFrame returns a new frame at once.
+    SyntheticCamera(int width, int height, double cameraFps);
+
+    void beginUse() override;
+    bool getFrame(cv::Mat &frame) override;
+    void endUse() override;
+
+    // The picture of frame `index`, taken `msecs` after the camera started.
+    static cv::Mat makeFrame(int width, int height, long index, long long msecs);
+    // Reads the frame number back from the marks of a (decoded) picture; -1 if unreadable.
+    static long readFrameNumber(const cv::Mat &bgr);
+
+    int beginCount() const { return m_begins; }
+    int endCount() const { return m_ends; }
+    long framesDelivered() const { return m_delivered; }
+    // The newest frame delivered, shared (any thread).
+    cv::Mat lastFrame() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    const int m_width;                    // pixels
+    const int m_height;                   // pixels
+    const Clock::duration m_period;       // between frames; zero: no pacing
+    Clock::time_point m_start;            // when the first frame was asked for
+    bool m_started = false;
+    std::atomic<int> m_begins{0};         // beginUse calls
+    std::atomic<int> m_ends{0};           // endUse calls
+    std::atomic<long> m_delivered{0};     // frames handed out
+    mutable std::mutex m_lastMutex;       // guards m_last
+    cv::Mat m_last;                       // newest frame handed out
+};
+
+#endif // SYNTHETICCAMERA_H
