@@ -1,6 +1,8 @@
 #include "ffmpegencode.h"
 
 #include <QDateTime>
+#include <QDebug>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -58,6 +60,10 @@ void FFmpegEncode::addVideo(cv::Mat &frame)
         cv::Mat copy;
         frame.copyTo(copy);
         videoList.append(copy);
+        if (videoList.size() > peakVideoQueued) {
+            peakVideoQueued = videoList.size();
+            peakVideoQueuedBytes = size_t(peakVideoQueued) * copy.total() * copy.elemSize();
+        }
     }
     queueCondition.notify_one();
 }
@@ -67,6 +73,7 @@ void FFmpegEncode::addAudio(unsigned char *block)
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         audioList.append(block);
+        peakAudioQueued = std::max(peakAudioQueued, int(audioList.size()));
     }
     queueCondition.notify_one();
 }
@@ -81,6 +88,23 @@ int FFmpegEncode::videoQueueCount()
 {
     std::lock_guard<std::mutex> lock(queueMutex);
     return videoList.size();
+}
+
+int FFmpegEncode::peakVideoQueueCount()
+{
+    std::lock_guard<std::mutex> lock(queueMutex);
+    return peakVideoQueued;
+}
+
+// How far the queues grew tells whether the writer kept up with the camera and the card.
+void FFmpegEncode::logPeakQueues()
+{
+    std::lock_guard<std::mutex> lock(queueMutex);
+    qDebug().noquote() << QStringLiteral("encoder: at most %1 video frames (%2 MiB) and %3 audio "
+                                         "blocks were queued")
+                              .arg(peakVideoQueued)
+                              .arg(double(peakVideoQueuedBytes) / (1024 * 1024), 0, 'f', 1)
+                              .arg(peakAudioQueued);
 }
 
 void FFmpegEncode::freeQueued()
@@ -124,6 +148,7 @@ void FFmpegEncode::encode()
         fflush(stdout);
     }
     writer.flush();
+    logPeakQueues();
     m_state.store(kOver, std::memory_order_release);
 }
 

@@ -60,6 +60,8 @@ public:
     void addAudio(unsigned char *block);    // takes ownership of a malloc'ed block
     int audioQueueCount();
     int videoQueueCount();
+    // Most frames that waited in the video queue at once in this recording.
+    int peakVideoQueueCount();
 
 protected:
     void run() override;
@@ -71,6 +73,7 @@ private:
     void writeFirstVideo(std::unique_lock<std::mutex> &lock, FFmpegApi &writer);
     void writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi &writer);
     void freeQueued();
+    void logPeakQueues();
 
     // Bits of m_state.
     static constexpr int kOpen = 1;   // the writer has opened the output
@@ -99,6 +102,9 @@ private:
     std::condition_variable queueCondition;  // one wake per hand-over
     QList<cv::Mat> videoList;                // private copies, oldest first
     QList<unsigned char *> audioList;        // owned blocks, oldest first
+    int peakVideoQueued = 0;                 // frames: videoList's longest length so far
+    int peakAudioQueued = 0;                 // blocks: audioList's longest length so far
+    size_t peakVideoQueuedBytes = 0;         // bytes of pixels queued at peakVideoQueued
 
     std::atomic<int> startCount{0};          // reset when encoding (re)starts
     std::atomic<qint64> startTime{0};        // ms since the epoch, when encoding (re)started

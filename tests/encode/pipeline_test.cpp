@@ -116,6 +116,8 @@ TEST_F(PipelineTest, EverythingQueuedReachesTheFileInOrder)
     EXPECT_NE(out.find("video writeer flush\n"), std::string::npos);
     EXPECT_FALSE(e.isEncodeOpen());
     EXPECT_EQ(e.audioQueueCount(), 0);
+    EXPECT_EQ(e.videoQueueCount(), 0);
+    EXPECT_EQ(e.peakVideoQueueCount(), 30); // the backlog is reported, not forgotten
 
     const MediaFile f = read(path("both.mp4"));
     const std::vector<long> n = frameNumbers(f);
