@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
+#include <malloc.h>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -85,5 +86,11 @@ static long statusField(const char *key)
 
 int threadCount() { return static_cast<int>(statusField("Threads")); }
 long residentKiB() { return statusField("VmRSS"); }
+
+long residentInUseKiB()
+{
+    malloc_trim(0);
+    return residentKiB();
+}
 
 } // namespace testutil

@@ -36,6 +36,9 @@ std::string captureStdout(const std::function<void()> &body);
 int threadCount();
 // Resident set size of this process in KiB, from /proc/self/status.
 long residentKiB();
+// Resident size of what is in use: free heap pages go back to the system first, so that
+// the allocator's cache does not pass for growth.
+long residentInUseKiB();
 
 } // namespace testutil
 

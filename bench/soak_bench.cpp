@@ -1,0 +1,192 @@
+// Runs the hardening tests' long runs for as long as asked, through the built plugin with
+// the simulated microphone, and prints what they leave behind:
+//   cycles  start/stop cycles of a small recording, back to back: resident size (after
+//           returning free heap pages) and thread count every 25 cycles;
+//   heavy   one recording of noise frames the encoder struggles with: peak queued frames,
+//           resident size growth per minute, time to drain after stop, and whether the
+//           file holds every frame and the sound.
+//
+// usage: soak_bench [--minutes N] [--mode cycles|heavy|both] [--size WxH] [--bitrate N]
+//                   [--plugin PATH]
+#include <QCoreApplication>
+#include <QStringList>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "simulatedmic.h"
+#include "support/heavyrecording.h"
+#include "support/loadedrecorder.h"
+#include "support/mediareader.h"
+#include "support/testutil.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+    double minutes = 10;
+    bool cycles = true;
+    bool heavy = true;
+    int width = 1280;
+    int height = 720;
+    unsigned bitrate = 4000000; // bits per second of the heavy recording
+    QString plugin = QStringLiteral(RECORDER_PLUGIN_PATH);
+};
+
+// Cycles report every this many cycles.
+constexpr int kReportEvery = 25;
+// The cycles' reference point, as in the hardening test: after the first allocations.
+constexpr int kReferenceCycle = 20;
+
+class SolidCamera : public PluginComponent
+{
+public:
+    void beginUse() override {}
+    bool getFrame(cv::Mat &frame) override
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        frame = cv::Mat(48, 64, CV_8UC3, cv::Scalar(20, 120, 220));
+        return true;
+    }
+    void endUse() override {}
+};
+
+int soakCycles(const Options &o, const std::string &file)
+{
+    LoadedRecorder rec(o.plugin);
+    if (!rec.loaded()) {
+        std::fprintf(stderr, "cannot load the plugin: %s\n", qPrintable(rec.error()));
+        return 1;
+    }
+    SolidCamera camera;
+    rec->setHasAudio(false);
+    rec->vSetRecSize(64, 48);
+    rec->setFps(20);
+    rec->setPluginComponent(&camera);
+    rec->setFilename(QString::fromStdString(file));
+    const auto end = Clock::now() + std::chrono::duration<double, std::ratio<60>>(o.minutes);
+    long reference = 0;
+    int failures = 0;
+    int cycle = 0;
+    std::printf("cycles: start/stop of a 64x48 video recording, back to back\n");
+    while (Clock::now() < end) {
+        ++cycle;
+        bool ok = false;
+        testutil::captureStdout([&] {
+            rec->startRecord();
+            ok = rec->waitForRecordStart(30000);
+            ok = rec.stopAndWait(std::chrono::seconds(60)) && ok;
+        });
+        if (!ok)
+            ++failures;
+        if (cycle == kReferenceCycle)
+            reference = testutil::residentInUseKiB();
+        if (cycle % kReportEvery == 0) {
+            const long rss = testutil::residentInUseKiB();
+            std::printf("  cycle %4d  RSS %7.1f MiB  %+6.1f%% of cycle %d  threads %d\n", cycle,
+                        rss / 1024.0, reference ? 100.0 * (rss - reference) / reference : 0.0,
+                        kReferenceCycle, testutil::threadCount());
+            std::fflush(stdout);
+        }
+    }
+    const long rss = testutil::residentInUseKiB();
+    std::printf("cycles: %d in %.1f min, %d failed; RSS %.1f MiB at cycle %d, %.1f MiB at the "
+                "end (%+.1f%%); threads %d\n",
+                cycle, o.minutes, failures, reference / 1024.0, kReferenceCycle, rss / 1024.0,
+                reference ? 100.0 * (rss - reference) / reference : 0.0, testutil::threadCount());
+    return failures ? 1 : 0;
+}
+
+int soakHeavy(const Options &o, const std::string &file)
+{
+    LoadedRecorder rec(o.plugin);
+    if (!rec.loaded()) {
+        std::fprintf(stderr, "cannot load the plugin: %s\n", qPrintable(rec.error()));
+        return 1;
+    }
+    simulatedmic::reset();
+    simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
+    rec->setHasAudio(true);
+    constexpr int kFps = 30;
+    const auto length = std::chrono::seconds(std::lround(o.minutes * 60));
+    std::printf("heavy: %dx%d@%d noise frames, %u bit/s, with sound, for %.1f min\n", o.width,
+                o.height, kFps, o.bitrate, o.minutes);
+    std::fflush(stdout);
+    const HeavyRecordingReport r = recordHeavy(rec, file, o.width, o.height, kFps, o.bitrate,
+                                               length, std::chrono::seconds(30));
+    if (!r.started || !r.stopped) {
+        std::printf("heavy: the recording %s\n", r.started ? "did not end" : "did not start");
+        return 1;
+    }
+    for (size_t i = 0; i < r.rssKiB.size(); ++i)
+        std::printf("  %5zu s  RSS %7.1f MiB\n", (i + 1) * 30, r.rssKiB[i] / 1024.0);
+    MediaFile f;
+    std::string err;
+    if (!readMediaFile(file, f, &err, false) || !f.video() || !f.audio()) {
+        std::printf("heavy: the file is not a readable recording with sound: %s\n", err.c_str());
+        return 1;
+    }
+    std::printf("heavy: %.1f s recorded; peak %ld frames queued (%.1f MiB); RSS growth %+.1f MiB "
+                "per minute; peak RSS %.1f MiB; drained in %.1f s after stop\n",
+                r.wallSeconds, r.peakQueuedFrames, r.peakQueuedMiB, r.rssGrowthMiBPerMinute(),
+                r.peakRssKiB / 1024.0, r.drainSeconds);
+    std::printf("heavy: file video %.3f s (%+.2f%% of wall), audio %.3f s, |video - audio| "
+                "%.1f ms\n",
+                f.videoSeconds(), 100.0 * (f.videoSeconds() - r.wallSeconds) / r.wallSeconds,
+                f.audioSeconds(), 1000.0 * std::fabs(f.videoSeconds() - f.audioSeconds()));
+    return 0;
+}
+
+bool parse(int argc, char **argv, Options &o)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        const bool more = i + 1 < argc;
+        if (a == "--minutes" && more) {
+            o.minutes = std::atof(argv[++i]);
+        } else if (a == "--mode" && more) {
+            const std::string m = argv[++i];
+            o.cycles = m == "cycles" || m == "both";
+            o.heavy = m == "heavy" || m == "both";
+            if (!o.cycles && !o.heavy)
+                return false;
+        } else if (a == "--size" && more) {
+            const QStringList wh = QString(argv[++i]).split('x');
+            if (wh.size() != 2)
+                return false;
+            o.width = wh[0].toInt();
+            o.height = wh[1].toInt();
+        } else if (a == "--bitrate" && more) {
+            o.bitrate = unsigned(std::atol(argv[++i]));
+        } else if (a == "--plugin" && more) {
+            o.plugin = QString::fromLocal8Bit(argv[++i]);
+        } else {
+            return false;
+        }
+    }
+    return o.minutes > 0 && o.width > 0 && o.height > 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Options o;
+    if (!parse(argc, argv, o)) {
+        std::fprintf(stderr, "usage: soak_bench [--minutes N] [--mode cycles|heavy|both] "
+                             "[--size WxH] [--bitrate N] [--plugin PATH]\n");
+        return 2;
+    }
+    QCoreApplication app(argc, argv);
+    testutil::TempDir dir;
+    int failures = 0;
+    if (o.cycles)
+        failures += soakCycles(o, dir.file("cycles.mp4"));
+    if (o.heavy)
+        failures += soakHeavy(o, dir.file("heavy.mp4"));
+    return failures ? 1 : 0;
+}

@@ -1,0 +1,84 @@
+#include "heavyrecording.h"
+
+#include <QRegularExpression>
+#include <sys/resource.h>
+#include <thread>
+
+#include "loadedrecorder.h"
+#include "qtmessages.h"
+#include "testutil.h"
+
+NoiseCamera::NoiseCamera(int width, int height, int fps)
+    : m_period(std::chrono::nanoseconds(1000000000LL / (fps > 0 ? fps : 1)))
+{
+    cv::RNG rng(7);
+    for (int i = 0; i < 30; ++i) {
+        m_frames.emplace_back(height, width, CV_8UC3);
+        rng.fill(m_frames.back(), cv::RNG::UNIFORM, 0, 256);
+    }
+}
+
+bool NoiseCamera::getFrame(cv::Mat &frame)
+{
+    if (m_next == 0)
+        m_start = std::chrono::steady_clock::now();
+    std::this_thread::sleep_until(m_start + m_next * m_period);
+    frame = m_frames[m_next++ % m_frames.size()];
+    return true;
+}
+
+double HeavyRecordingReport::rssGrowthMiBPerMinute() const
+{
+    if (rssKiB.size() < 2 || wallSeconds <= 0)
+        return 0;
+    const double spanSeconds = wallSeconds * double(rssKiB.size() - 1) / double(rssKiB.size());
+    return (rssKiB.back() - rssKiB.front()) / 1024.0 * 60.0 / spanSeconds;
+}
+
+HeavyRecordingReport recordHeavy(LoadedRecorder &rec, const std::string &file, int width,
+                                 int height, int fps, unsigned bitrate,
+                                 std::chrono::seconds length, std::chrono::seconds sampleEvery)
+{
+    using Clock = std::chrono::steady_clock;
+    HeavyRecordingReport r;
+    NoiseCamera camera(width, height, fps);
+    rec->vSetRecSize(width, height);
+    rec->setFps(fps);
+    rec->setVideoBitrate(bitrate);
+    rec->setPluginComponent(&camera);
+    rec->setFilename(QString::fromStdString(file));
+    QtMessageCollector log;
+
+    Clock::time_point t0, t1;
+    testutil::captureStdout([&] {
+        rec->startRecord();
+        r.started = rec->waitForRecordStart(30000);
+        t0 = Clock::now();
+        if (r.started) {
+            for (auto next = t0 + sampleEvery; next <= t0 + length; next += sampleEvery) {
+                std::this_thread::sleep_until(next);
+                r.rssKiB.push_back(testutil::residentKiB());
+            }
+            std::this_thread::sleep_until(t0 + length);
+        }
+        t1 = Clock::now();
+        // A writer far behind needs long to drain what is queued; nothing is dropped.
+        r.stopped = rec.stopAndWait(std::chrono::minutes(30));
+    });
+    r.wallSeconds = std::chrono::duration<double>(t1 - t0).count();
+    r.drainSeconds = std::chrono::duration<double>(Clock::now() - t1).count();
+    rec->setPluginComponent(nullptr);
+
+    const QRegularExpression peak(QStringLiteral("at most (\\d+) video frames \\(([0-9.]+) MiB\\)"));
+    for (const QString &m : log.messages()) {
+        const auto match = peak.match(m);
+        if (match.hasMatch()) {
+            r.peakQueuedFrames = match.captured(1).toLong();
+            r.peakQueuedMiB = match.captured(2).toDouble();
+        }
+    }
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    r.peakRssKiB = usage.ru_maxrss;
+    return r;
+}

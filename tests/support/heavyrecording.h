@@ -1,0 +1,52 @@
+#ifndef HEAVYRECORDING_H
+#define HEAVYRECORDING_H
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "plugin/plugincomponent.h"
+
+class LoadedRecorder;
+
+// A camera whose frames are noise, paced on a steady-clock schedule: every frame costs
+// the encoder the most it can, so the writer falls behind if anything does. The noise is
+// drawn up front; cycling through 30 frames defeats prediction as well as fresh noise.
+class NoiseCamera : public PluginComponent
+{
+public:
+    NoiseCamera(int width, int height, int fps);
+    void beginUse() override {}
+    bool getFrame(cv::Mat &frame) override;
+    void endUse() override {}
+
+private:
+    std::vector<cv::Mat> m_frames;
+    std::chrono::nanoseconds m_period;
+    std::chrono::steady_clock::time_point m_start;
+    long m_next = 0;
+};
+
+// What one heavy recording cost and left behind.
+struct HeavyRecordingReport {
+    bool started = false;            // waitForRecordStart answered true
+    bool stopped = false;            // the session ended after stopRecord
+    double wallSeconds = 0;          // from the start answer to stopRecord
+    double drainSeconds = 0;         // from stopRecord to the end of the session
+    long peakQueuedFrames = -1;      // as the encoder reported it (-1: not reported)
+    double peakQueuedMiB = -1;       // pixels in those frames
+    std::vector<long> rssKiB;        // resident size at each sample while recording
+    long peakRssKiB = 0;             // of the process so far
+    // Resident size growth over the recording, MiB per minute.
+    double rssGrowthMiBPerMinute() const;
+};
+
+// Records `length` of noise at width x height and fps, with the plugin's current sound
+// settings, into `file`; samples resident size every `sampleEvery`.
+HeavyRecordingReport recordHeavy(LoadedRecorder &rec, const std::string &file, int width,
+                                 int height, int fps, unsigned bitrate,
+                                 std::chrono::seconds length, std::chrono::seconds sampleEvery);
+
+#endif // HEAVYRECORDING_H
