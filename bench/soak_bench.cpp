@@ -21,6 +21,7 @@
 #include "support/heavyrecording.h"
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
+#include "support/testcameras.h"
 #include "support/testutil.h"
 
 namespace {
@@ -42,19 +43,6 @@ constexpr int kReportEvery = 25;
 // The cycles' reference point, as in the hardening test: after the first allocations.
 constexpr int kReferenceCycle = 20;
 
-class SolidCamera : public PluginComponent
-{
-public:
-    void beginUse() override {}
-    bool getFrame(cv::Mat &frame) override
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        frame = cv::Mat(48, 64, CV_8UC3, cv::Scalar(20, 120, 220));
-        return true;
-    }
-    void endUse() override {}
-};
-
 int soakCycles(const Options &o, const std::string &file)
 {
     LoadedRecorder rec(o.plugin);
@@ -62,7 +50,7 @@ int soakCycles(const Options &o, const std::string &file)
         std::fprintf(stderr, "cannot load the plugin: %s\n", qPrintable(rec.error()));
         return 1;
     }
-    SolidCamera camera;
+    SolidCamera camera(64, 48, cv::Scalar(20, 120, 220));
     rec->setHasAudio(false);
     rec->vSetRecSize(64, 48);
     rec->setFps(20);

@@ -354,24 +354,32 @@ int FFmpegApi::encodeAndWrite(OutputStream *ost, AVFrame *frame)
     return result;
 }
 
+AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img)
+{
+    // A frame the encoder cannot take is refused, not encoded as garbage.
+    if (img.empty() || img.type() != CV_8UC3 || img.cols < video_st.enc->width
+        || img.rows < video_st.enc->height)
+        return nullptr;
+    AVFrame *frame = video_st.frame;
+    if (av_frame_make_writable(frame) < 0) {
+        puts("cannot make picture writable");
+        return nullptr;
+    }
+    if (fill_yuv_image(frame, video_st.enc->width, video_st.enc->height, img) != 0) {
+        puts("cannot fill yuv images");
+        return nullptr;
+    }
+    frame->pts = video_st.next_pts++;
+    return frame;
+}
+
 int FFmpegApi::write_video(cv::Mat img)
 {
     if (!m_headerWritten || !m_hasVideo || !video_st.frame)
         return -1;
-    // A frame the encoder cannot take is refused, not encoded as garbage.
-    if (img.empty() || img.type() != CV_8UC3 || img.cols < video_st.enc->width
-        || img.rows < video_st.enc->height)
+    AVFrame *frame = nextVideoFrame(img);
+    if (!frame)
         return -1;
-    AVFrame *frame = video_st.frame;
-    if (av_frame_make_writable(frame) < 0) {
-        puts("cannot make picture writable");
-        return -1;
-    }
-    if (fill_yuv_image(frame, video_st.enc->width, video_st.enc->height, img) != 0) {
-        puts("cannot fill yuv images");
-        return -1;
-    }
-    frame->pts = video_st.next_pts++;
     if (!m_useFilter)
         return encodeAndWrite(&video_st, frame);
 

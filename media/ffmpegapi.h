@@ -107,6 +107,9 @@ private:
     int openOutput(AVDictionary *options, int audioChannel, int audioSampleRate);
     int openAudio(AVDictionary *options);
     int encodeAndWrite(OutputStream *ost, AVFrame *frame);
+    // The video frame filled from `img` with the next timestamp, or null when `img` cannot
+    // be taken (wrong type, too small) and the timestamp stays.
+    AVFrame *nextVideoFrame(cv::Mat &img);
     void release();
 
     char *m_filename = nullptr;   // borrowed, valid only while open runs

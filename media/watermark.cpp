@@ -111,19 +111,9 @@ int FFmpegApi::write_watermark(cv::Mat img)
     // Without a graph there is nothing to feed.
     if (!m_useFilter || !buffersrc_ctx || !buffersink_ctx || !video_st.frame)
         return -1;
-    if (img.empty() || img.type() != CV_8UC3 || img.cols < video_st.enc->width
-        || img.rows < video_st.enc->height)
+    AVFrame *frame = nextVideoFrame(img);
+    if (!frame)
         return -1;
-    AVFrame *frame = video_st.frame;
-    if (av_frame_make_writable(frame) < 0) {
-        puts("cannot make picture writable");
-        return -1;
-    }
-    if (fill_yuv_image(frame, video_st.enc->width, video_st.enc->height, img) != 0) {
-        puts("cannot fill yuv images");
-        return -1;
-    }
-    frame->pts = video_st.next_pts++;
     if (av_buffersrc_add_frame_flags(buffersrc_ctx, frame, AV_BUFFERSRC_FLAG_KEEP_REF) < 0)
         av_log(nullptr, AV_LOG_ERROR, "Error while feeding the filtergraph\n");
     AVFrame *out = av_frame_alloc();

@@ -13,53 +13,13 @@
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
 #include "support/qtmessages.h"
+#include "support/testcameras.h"
 #include "support/testutil.h"
 #include "syntheticcamera.h"
 
 using namespace std::chrono_literals;
 
 namespace {
-
-// A camera whose frames are one solid colour, chosen by the test at any time.
-class SolidCamera : public PluginComponent
-{
-public:
-    SolidCamera(int w, int h, cv::Scalar colour) : m_w(w), m_h(h), m_colour(colour) {}
-    void beginUse() override { ++begins; }
-    bool getFrame(cv::Mat &frame) override
-    {
-        std::this_thread::sleep_for(20ms);
-        frame = cv::Mat(m_h, m_w, CV_8UC3, m_colour);
-        ++frames;
-        return true;
-    }
-    void endUse() override { ++ends; }
-
-    std::atomic<int> begins{0};
-    std::atomic<int> ends{0};
-    std::atomic<int> frames{0};
-
-private:
-    int m_w, m_h;
-    cv::Scalar m_colour;
-};
-
-// A camera that never has a frame.
-class DarkCamera : public PluginComponent
-{
-public:
-    void beginUse() override { ++begins; }
-    bool getFrame(cv::Mat &) override
-    {
-        std::this_thread::sleep_for(5ms);
-        ++asked;
-        return false;
-    }
-    void endUse() override { ++ends; }
-    std::atomic<int> begins{0};
-    std::atomic<int> ends{0};
-    std::atomic<int> asked{0};
-};
 
 // The duration the session printed ("msecs:%d" or "msec:%d"); INT_MIN if absent.
 int printedDuration(const std::string &out, const char *label)
