@@ -18,7 +18,7 @@ PACKAGES=(
   # killall, run when the capture device is busy
   psmisc
   # tests and benchmarks
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev
   # a real font for the watermark tests
   fonts-dejavu-core
 )
