@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QDebug>
+#include <QFileInfo>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -149,6 +150,10 @@ void FFmpegEncode::encode()
     }
     writer.flush();
     logPeakQueues();
+    // Its directory removed while recording, the file was written to nowhere: say so.
+    if (!QFileInfo::exists(m_videoPath) && !m_videoPath.startsWith(QLatin1String("/dev/")))
+        qDebug().noquote() << QStringLiteral("record failed: the output file %1 no longer exists")
+                                  .arg(m_videoPath);
     m_state.store(kOver, std::memory_order_release);
 }
 

@@ -252,6 +252,7 @@ int FFmpegApi::open(char *filename, int videoBitrate, int fps, int width, int he
                     int audioChannel, int audioSampleRate)
 {
     m_filename = filename;
+    m_writeFailed = false;
     m_width = width;
     m_height = height;
     m_fps = fps;
@@ -325,6 +326,18 @@ int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSamp
     return 0;
 }
 
+// A full disk or a vanished device fails every packet after the first: the user is told
+// once what failed, and the recording goes on until it is stopped.
+void FFmpegApi::reportWriteError(const char *what, int error)
+{
+    if (m_writeFailed)
+        return;
+    m_writeFailed = true;
+    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
+    av_strerror(error, text, sizeof text);
+    fprintf(stderr, "%s: %s (%s)\n", what, text, oc && oc->url ? oc->url : "output");
+}
+
 // Sends one frame (null: drain) to the stream's encoder and writes every packet it gives.
 // -1 when a packet could not be written; an encoder error only loses the frame.
 int FFmpegApi::encodeAndWrite(OutputStream *ost, AVFrame *frame)
@@ -345,7 +358,9 @@ int FFmpegApi::encodeAndWrite(OutputStream *ost, AVFrame *frame)
             pkt->duration = 1;
         av_packet_rescale_ts(pkt, ost->enc->time_base, ost->st->time_base);
         pkt->stream_index = ost->st->index;
-        if (av_interleaved_write_frame(oc, pkt) < 0) {
+        const int written = av_interleaved_write_frame(oc, pkt);
+        if (written < 0) {
+            reportWriteError("Error while writing output packet", written);
             result = -1;
             break;
         }
@@ -448,7 +463,9 @@ void FFmpegApi::flush()
             encodeAndWrite(&video_st, nullptr);
         if (m_hasAudio && audio_st.enc)
             encodeAndWrite(&audio_st, nullptr);
-        av_write_trailer(oc);
+        const int ret = av_write_trailer(oc);
+        if (ret < 0)
+            reportWriteError("Error writing the file trailer", ret);
     }
     release();
 }

@@ -107,6 +107,7 @@ private:
     int openOutput(AVDictionary *options, int audioChannel, int audioSampleRate);
     int openAudio(AVDictionary *options);
     int encodeAndWrite(OutputStream *ost, AVFrame *frame);
+    void reportWriteError(const char *what, int error);
     // The video frame filled from `img` with the next timestamp, or null when `img` cannot
     // be taken (wrong type, too small) and the timestamp stays.
     AVFrame *nextVideoFrame(cv::Mat &img);
@@ -131,6 +132,7 @@ private:
     AVFilterContext *buffersrc_ctx = nullptr;
     AVFilterGraph *filter_graph = nullptr;
     bool m_headerWritten = false; // a trailer is owed
+    bool m_writeFailed = false;   // a packet could not be written: told once, not per packet
 };
 
 // The process-wide snapshot thread: frames queued from any thread are written to

@@ -18,6 +18,7 @@
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
 #include "support/heavyrecording.h"
+#include "support/qtmessages.h"
 #include "support/testutil.h"
 #include "syntheticcamera.h"
 
@@ -127,15 +128,21 @@ TEST_F(HardeningTest, OutputInAReadOnlyDirectoryEndsWithoutAFile)
 TEST_F(HardeningTest, AnOutputWhereEveryWriteFailsEndsTheSession)
 {
     ScriptedCamera cam([](long) { return solid(160, 120); });
-    run(cam, "/dev/full", 800ms);
+    const std::string err = testutil::captureStderr([&] { run(cam, "/dev/full", 800ms); });
+    // Nothing could be stored, and the user is told why.
+    EXPECT_NE(err.find("No space left on device (/dev/full)"), std::string::npos) << err;
 }
 
 TEST_F(HardeningTest, TheOutputDirectoryRemovedDuringTheRecordingEndsTheSession)
 {
     std::filesystem::create_directory(path("out"));
     ScriptedCamera cam([](long) { return solid(160, 120); });
+    QtMessageCollector log;
     EXPECT_TRUE(run(cam, path("out/x.mp4"), 1000ms,
                     [&] { std::filesystem::remove_all(path("out")); }));
+    // The file went with its directory; the user is told, not left to look for it.
+    EXPECT_EQ(log.count(QStringLiteral("record failed: the output file ")), 1);
+    EXPECT_FALSE(QFile::exists(QString::fromStdString(path("out/x.mp4"))));
 }
 
 TEST_F(HardeningTest, AThrowingFrameSourceEndsTheRecordingAndKeepsWhatWasRecorded)

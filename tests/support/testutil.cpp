@@ -42,34 +42,46 @@ TempDir::~TempDir()
     std::filesystem::remove_all(m_path, ec);
 }
 
-std::string captureStdout(const std::function<void()> &body)
+// Runs `body` with descriptor `fd` (whose stdio stream is `stream`) sent to a temporary
+// file; returns what was written.
+static std::string captureDescriptor(FILE *stream, int fd, const std::function<void()> &body)
 {
-    std::fflush(stdout);
-    char name[] = "/tmp/kwrec-stdout-XXXXXX";
-    const int fd = mkstemp(name);
-    if (fd < 0)
+    std::fflush(stream);
+    char name[] = "/tmp/kwrec-capture-XXXXXX";
+    const int file = mkstemp(name);
+    if (file < 0)
         throw std::runtime_error("mkstemp failed");
-    const int saved = dup(STDOUT_FILENO);
-    dup2(fd, STDOUT_FILENO);
+    const int saved = dup(fd);
+    dup2(file, fd);
+    const auto restore = [&] {
+        std::fflush(stream);
+        dup2(saved, fd);
+        close(saved);
+        close(file);
+    };
     try {
         body();
     } catch (...) {
-        std::fflush(stdout);
-        dup2(saved, STDOUT_FILENO);
-        close(saved);
-        close(fd);
+        restore();
         unlink(name);
         throw;
     }
-    std::fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    close(fd);
+    restore();
     std::ifstream in(name, std::ios::binary);
     std::stringstream text;
     text << in.rdbuf();
     unlink(name);
     return text.str();
+}
+
+std::string captureStdout(const std::function<void()> &body)
+{
+    return captureDescriptor(stdout, STDOUT_FILENO, body);
+}
+
+std::string captureStderr(const std::function<void()> &body)
+{
+    return captureDescriptor(stderr, STDERR_FILENO, body);
 }
 
 static long statusField(const char *key)

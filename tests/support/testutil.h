@@ -31,6 +31,8 @@ private:
 // Runs `body` with standard output captured at the descriptor level (printf, puts,
 // std::cout and child writes alike) and returns what it printed.
 std::string captureStdout(const std::function<void()> &body);
+// The same for standard error (fprintf(stderr), FFmpeg's own log).
+std::string captureStderr(const std::function<void()> &body);
 
 // Number of threads of this process, from /proc/self/status.
 int threadCount();
