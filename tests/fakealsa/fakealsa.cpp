@@ -96,8 +96,9 @@ struct _snd_pcm {
     int card = -1;
     unsigned int rate = 48000;
     unsigned int channels = 1;
-    long position = 0;              // frames delivered since prepare
-    Clock::time_point started;
+    long position = 0;              // frames delivered since the stream started
+    bool running = false;           // started: a capture stream starts at its first read
+    Clock::time_point started;      // when the first frame began to be captured
 };
 
 namespace fakealsa {
@@ -559,7 +560,7 @@ int snd_pcm_hw_params(snd_pcm_t *pcm, snd_pcm_hw_params_t *params)
 int snd_pcm_prepare(snd_pcm_t *pcm)
 {
     pcm->position = 0;
-    pcm->started = Clock::now();
+    pcm->running = false;
     return 0;
 }
 
@@ -599,6 +600,12 @@ snd_pcm_sframes_t snd_pcm_readi(snd_pcm_t *pcm, void *buffer, snd_pcm_uframes_t 
             frames = frames / 2;
         }
         frequency = c.capture.frequency;
+    }
+    // As with ALSA's default start threshold, a prepared capture stream starts at its first
+    // read: nothing is captured before the program asks, so there is no backlog to catch up.
+    if (!pcm->running) {
+        pcm->running = true;
+        pcm->started = Clock::now();
     }
     // Real-time pace: the frames are there when the sound card would have them.
     const auto due = pcm->started
