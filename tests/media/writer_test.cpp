@@ -17,7 +17,7 @@ extern "C" {
 
 namespace {
 
-struct WriterSpec {
+struct WriterSettings {
     bool video = true;
     bool audio = true;
     int bitrate = 800000;
@@ -29,7 +29,7 @@ struct WriterSpec {
 };
 
 // Opens a writer on `path`; returns its open() result and what it printed.
-int openWriter(FFmpegApi &w, const std::string &path, const WriterSpec &s, std::string *printed = nullptr)
+int openWriter(FFmpegApi &w, const std::string &path, const WriterSettings &s, std::string *printed = nullptr)
 {
     int ret = -2;
     std::string name = path;
@@ -91,7 +91,7 @@ TEST_F(WriterTest, Mp4HoldsH264AndAacWithTheRequestedSizeRateAndChannels)
 {
     for (int channels : {1, 2}) {
         FFmpegApi w;
-        WriterSpec s;
+        WriterSettings s;
         s.channels = channels;
         s.width = 320;
         s.height = 240;
@@ -136,7 +136,7 @@ TEST_F(WriterTest, OtherContainersGetTheirOwnDefaultCodecs)
         ASSERT_NE(fmt, nullptr);
         FFmpegApi w;
         const std::string file = path(std::string("c.") + ext);
-        ASSERT_EQ(openWriter(w, file, WriterSpec()), 0) << ext;
+        ASSERT_EQ(openWriter(w, file, WriterSettings()), 0) << ext;
         for (int i = 0; i < 5; ++i) {
             ASSERT_EQ(w.write_video(solidImage(160, 120, cv::Scalar(0, 0, 200))), 0);
             writeSine(w, 2, {1000.0}, 48000);
@@ -155,7 +155,7 @@ TEST_F(WriterTest, AnUnknownExtensionFallsBackToMpegProgramStream)
     FFmpegApi w;
     std::string printed;
     const std::string file = path("clip.unknownext");
-    ASSERT_EQ(openWriter(w, file, WriterSpec(), &printed), 0);
+    ASSERT_EQ(openWriter(w, file, WriterSettings(), &printed), 0);
     EXPECT_NE(printed.find("Could not deduce output format from file extension: using MPEG.\n"),
               std::string::npos)
         << printed;
@@ -169,7 +169,7 @@ TEST_F(WriterTest, AnUnknownExtensionFallsBackToMpegProgramStream)
 TEST_F(WriterTest, FramesAreTimeStampedByCountInOneOverFps)
 {
     FFmpegApi w;
-    WriterSpec s;
+    WriterSettings s;
     s.audio = false;
     s.fps = 15;
     const std::string file = path("count.mp4");
@@ -192,7 +192,7 @@ TEST_F(WriterTest, DecodedColoursMatchTheInput)
     const std::vector<cv::Scalar> colours = {{0, 0, 255}, {0, 255, 0}, {255, 0, 0},
                                              {128, 128, 128}, {255, 255, 255}, {20, 200, 90}};
     FFmpegApi w;
-    WriterSpec s;
+    WriterSettings s;
     s.audio = false;
     s.bitrate = 4000000;
     const std::string file = path("colours.mkv");
@@ -223,7 +223,7 @@ TEST_F(WriterTest, PaddedRowsDecodeLikePackedOnes)
     std::vector<cv::Mat> decoded;
     for (const cv::Mat &img : {packed, padded}) {
         FFmpegApi w;
-        WriterSpec s;
+        WriterSettings s;
         s.audio = false;
         const std::string file = path(img.isContinuous() ? "packed.mkv" : "padded.mkv");
         ASSERT_EQ(openWriter(w, file, s), 0);
@@ -240,7 +240,7 @@ TEST_F(WriterTest, PaddedRowsDecodeLikePackedOnes)
 TEST_F(WriterTest, AFrameTheEncoderCannotTakeIsRefusedWithoutATimestamp)
 {
     FFmpegApi w;
-    WriterSpec s;
+    WriterSettings s;
     s.audio = false;
     const std::string file = path("refuse.mkv");
     ASSERT_EQ(openWriter(w, file, s), 0);
@@ -260,7 +260,7 @@ TEST_F(WriterTest, SineBlocksDecodeToTheSameToneAndLength)
 {
     for (int channels : {1, 2}) {
         FFmpegApi w;
-        WriterSpec s;
+        WriterSettings s;
         s.video = false;
         s.channels = channels;
         const std::string file = path("tone" + std::to_string(channels) + ".mp4");
@@ -288,7 +288,7 @@ TEST_F(WriterTest, SineBlocksDecodeToTheSameToneAndLength)
 TEST_F(WriterTest, AnEncoderWithoutAFixedFrameSizeGetsBlocksOf1024)
 {
     FFmpegApi w;
-    WriterSpec s;
+    WriterSettings s;
     s.video = false;
     const std::string file = path("pcm.wav");
     ASSERT_EQ(openWriter(w, file, s), 0);
@@ -305,7 +305,7 @@ TEST_F(WriterTest, AnEncoderWithoutAFixedFrameSizeGetsBlocksOf1024)
 TEST_F(WriterTest, EncodeVideoInterleavesByTimestampWithVideoFirstOnATie)
 {
     FFmpegApi w;
-    WriterSpec s;
+    WriterSettings s;
     s.fps = 10;
     s.rate = 48000;
     const std::string file = path("order.mp4");
@@ -336,7 +336,7 @@ TEST_F(WriterTest, AFileFlushedWithoutFramesIsCompleteAndReadable)
     // the ffmpeg command line's included.)
     FFmpegApi w;
     const std::string file = path("empty.mp4");
-    ASSERT_EQ(openWriter(w, file, WriterSpec()), 0);
+    ASSERT_EQ(openWriter(w, file, WriterSettings()), 0);
     testutil::captureStdout([&] { w.flush(); });
     const MediaFile f = read(file);
     EXPECT_TRUE(f.frames.empty());
@@ -349,12 +349,12 @@ TEST_F(WriterTest, FailuresOfOpenSayWhatFailedAndReturnMinusOne)
         FFmpegApi w;
         std::string printed;
         const std::string file = path("no-such-dir/x.mp4");
-        EXPECT_EQ(openWriter(w, file, WriterSpec(), &printed), -1);
+        EXPECT_EQ(openWriter(w, file, WriterSettings(), &printed), -1);
         EXPECT_NE(printed.find("cannot open :" + file + "\n"), std::string::npos) << printed;
     }
     {
         FFmpegApi w;
-        WriterSpec s;
+        WriterSettings s;
         s.video = false;
         s.audio = false;
         std::string printed;
@@ -363,7 +363,7 @@ TEST_F(WriterTest, FailuresOfOpenSayWhatFailedAndReturnMinusOne)
     }
     {
         FFmpegApi w;
-        WriterSpec s;
+        WriterSettings s;
         s.width = 0;
         s.height = 0;
         std::string printed;
