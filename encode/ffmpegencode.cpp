@@ -56,15 +56,23 @@ void FFmpegEncode::startEncode()
 
 void FFmpegEncode::addVideo(cv::Mat &frame)
 {
+    addVideo(frame, 1);
+}
+
+void FFmpegEncode::addVideo(cv::Mat &frame, int times)
+{
+    if (times <= 0)
+        return;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         cv::Mat copy;
         frame.copyTo(copy);
-        videoList.append(copy);
-        if (videoList.size() > peakVideoQueued) {
-            peakVideoQueued = videoList.size();
-            peakVideoQueuedBytes = size_t(peakVideoQueued) * copy.total() * copy.elemSize();
-        }
+        // Repeats sit next to each other in the queue: the writer only reads them.
+        for (int i = 0; i < times; ++i)
+            videoList.append(copy);
+        videoQueuedBytes += copy.total() * copy.elemSize();
+        peakVideoQueued = std::max(peakVideoQueued, int(videoList.size()));
+        peakVideoQueuedBytes = std::max(peakVideoQueuedBytes, videoQueuedBytes);
     }
     queueCondition.notify_one();
 }
@@ -115,6 +123,7 @@ void FFmpegEncode::freeQueued()
         free(block);
     audioList.clear();
     videoList.clear();
+    videoQueuedBytes = 0;
 }
 
 void FFmpegEncode::run()
@@ -161,6 +170,9 @@ void FFmpegEncode::encode()
 void FFmpegEncode::writeFirstVideo(std::unique_lock<std::mutex> &lock, FFmpegApi &writer)
 {
     cv::Mat frame = videoList.takeFirst();
+    // The pixels leave the queue with the last of the frames that share them.
+    if (videoList.isEmpty() || videoList.first().data != frame.data)
+        videoQueuedBytes -= frame.total() * frame.elemSize();
     lock.unlock();
     writer.write_video(frame);
     frame.release();

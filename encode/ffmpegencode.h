@@ -57,6 +57,9 @@ public:
 
     // Producers, any thread.
     void addVideo(cv::Mat &frame);          // copies the pixels
+    // Queues `times` frames with the same picture: one copy of the pixels, shared, so a
+    // feeder catching up after a stall costs no more than one frame.
+    void addVideo(cv::Mat &frame, int times);
     void addAudio(unsigned char *block);    // takes ownership of a malloc'ed block
     int audioQueueCount();
     int videoQueueCount();
@@ -102,9 +105,10 @@ private:
     std::condition_variable queueCondition;  // one wake per hand-over
     QList<cv::Mat> videoList;                // private copies, oldest first
     QList<unsigned char *> audioList;        // owned blocks, oldest first
+    size_t videoQueuedBytes = 0;             // bytes of pixels in videoList, shared ones once
     int peakVideoQueued = 0;                 // frames: videoList's longest length so far
     int peakAudioQueued = 0;                 // blocks: audioList's longest length so far
-    size_t peakVideoQueuedBytes = 0;         // bytes of pixels queued at peakVideoQueued
+    size_t peakVideoQueuedBytes = 0;         // bytes: videoQueuedBytes's largest value so far
 
     std::atomic<int> startCount{0};          // reset when encoding (re)starts
     std::atomic<qint64> startTime{0};        // ms since the epoch, when encoding (re)started

@@ -79,14 +79,12 @@ bool VideoDataThread::handOver(int width, int height, int copies)
     if (currentFrame.empty())
         return false;
     if (currentFrame.rows == height && currentFrame.cols == width) {
-        for (int i = 0; i < copies; ++i)
-            encoder->addVideo(currentFrame);
+        encoder->addVideo(currentFrame, copies);
         return true;
     }
     cv::Mat scaled(height, width, currentFrame.type());
     cv::resize(currentFrame, scaled, cv::Size(width, height), 0, 0, cv::INTER_NEAREST);
-    for (int i = 0; i < copies; ++i)
-        encoder->addVideo(scaled);
+    encoder->addVideo(scaled, copies);
     return true;
 }
 

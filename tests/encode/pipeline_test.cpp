@@ -12,6 +12,7 @@
 #include "encode/ffmpegencode.h"
 #include "encode/videodatathread.h"
 #include "support/mediareader.h"
+#include "support/qtmessages.h"
 #include "support/testutil.h"
 #include "syntheticcamera.h"
 
@@ -129,6 +130,30 @@ TEST_F(PipelineTest, EverythingQueuedReachesTheFileInOrder)
     // Packets of each stream come out in time order.
     for (const MediaStream &s : f.streams)
         EXPECT_TRUE(std::is_sorted(s.packetDts.begin(), s.packetDts.end()));
+}
+
+TEST_F(PipelineTest, RepeatsOfOnePictureShareItsPixelsAndAreAllWritten)
+{
+    FFmpegEncode e;
+    configure(e, path("repeats.mp4"), true, false);
+    cv::Mat frame = SyntheticCamera::makeFrame(kW, kH, 0, 0);
+    e.addVideo(frame, 4);
+    // The source changes after the hand-over: the queued repeats must not see it.
+    SyntheticCamera::makeFrame(kW, kH, 1, 0).copyTo(frame);
+    e.addVideo(frame, 1);
+    EXPECT_EQ(e.videoQueueCount(), 5);
+    QtMessageCollector log;
+    testutil::captureStdout([&] {
+        ASSERT_TRUE(startAndOpen(e));
+        ASSERT_TRUE(finish(e));
+    });
+    EXPECT_EQ(frameNumbers(read(path("repeats.mp4"))), (std::vector<long>{0, 0, 0, 0, 1}));
+    // Five frames queued, two pictures' worth of memory.
+    const double pictureMiB = kW * kH * 3 / (1024.0 * 1024.0);
+    EXPECT_EQ(log.count(QStringLiteral("encoder: at most 5 video frames (%1 MiB)")
+                            .arg(2 * pictureMiB, 0, 'f', 1)),
+              1)
+        << qPrintable(log.messages().join('\n'));
 }
 
 TEST_F(PipelineTest, AudioOnlyWritesEveryBlockAndPrintsNoFlushLine)
