@@ -63,10 +63,12 @@ void FFmpegEncode::addVideo(cv::Mat &frame, int times)
 {
     if (times <= 0)
         return;
+    // The copy is private until queued: made outside the lock, it keeps the writer and
+    // the capture thread from waiting while megabytes of pixels move.
+    cv::Mat copy;
+    frame.copyTo(copy);
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        cv::Mat copy;
-        frame.copyTo(copy);
         // Repeats sit next to each other in the queue: the writer only reads them.
         for (int i = 0; i < times; ++i)
             videoList.append(copy);

@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QPluginLoader>
+#include <QThread>
 #include <QStringList>
 
 #include <chrono>
@@ -291,6 +292,9 @@ int main(int argc, char **argv)
     std::fflush(stdout);
     while (recorder->isRecording())
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    // The session's last call on the camera (endUse) follows; the camera outlives it.
+    if (auto *session = qobject_cast<QThread *>(instance))
+        session->wait();
 
     if (o.audio && !recorder->hasAudio())
         std::printf("no sound card with a microphone was found: the clip has video only\n");

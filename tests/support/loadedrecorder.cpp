@@ -26,7 +26,13 @@ LoadedRecorder::~LoadedRecorder()
 bool LoadedRecorder::waitSessionEnd(std::chrono::milliseconds timeout)
 {
     QThread *t = thread();
-    return testutil::pollUntil([&] { return !t || t->isFinished() || !t->isRunning(); }, timeout);
+    const bool ended =
+        testutil::pollUntil([&] { return !t || t->isFinished() || !t->isRunning(); }, timeout);
+    // The session's last act is under the recorder's lock; taking it here lets the thread
+    // sanitizer see the session's end, which it cannot see through Qt's own thread state.
+    if (ended && t && m_recorder)
+        (void)m_recorder->filename();
+    return ended;
 }
 
 bool LoadedRecorder::stopAndWait(std::chrono::milliseconds timeout)

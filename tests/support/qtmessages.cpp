@@ -11,13 +11,15 @@ QtMessageHandler g_previous = nullptr;
 
 void collect(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
+    QtMessageHandler previous;
     {
         std::lock_guard<std::mutex> lock(g_mutex);
         g_messages.append(message);
+        previous = g_previous;
     }
     // Still shown, so a failing test's log tells the story.
-    if (g_previous)
-        g_previous(type, context, message);
+    if (previous)
+        previous(type, context, message);
 }
 
 } // namespace
