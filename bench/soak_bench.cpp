@@ -118,9 +118,11 @@ int soakHeavy(const Options &o, const std::string &file)
         std::printf("heavy: the file is not a readable recording with sound: %s\n", err.c_str());
         return 1;
     }
-    std::printf("heavy: %.1f s recorded; peak %ld frames queued (%.1f MiB); RSS growth %+.1f MiB "
-                "per minute; peak RSS %.1f MiB; drained in %.1f s after stop\n",
-                r.wallSeconds, r.peakQueuedFrames, r.peakQueuedMiB, r.rssGrowthMiBPerMinute(),
+    std::printf("heavy: %.1f s recorded; peak %ld frames queued (%.1f MiB); %ld frames not made "
+                "up after stalls; RSS growth %+.1f MiB per minute; peak RSS %.1f MiB; drained in "
+                "%.1f s after stop\n",
+                r.wallSeconds, r.peakQueuedFrames, r.peakQueuedMiB, r.framesNotMadeUp,
+                r.rssGrowthMiBPerMinute(),
                 r.peakRssKiB / 1024.0, r.drainSeconds);
     std::printf("heavy: file video %.3f s (%+.2f%% of wall), audio %.3f s, |video - audio| "
                 "%.1f ms\n",

@@ -437,10 +437,10 @@ TEST_F(HardeningTest, LongRunHeavyFramesForAMinuteLoseNothing)
     ASSERT_TRUE(r.started);
     ASSERT_TRUE(r.stopped);
     EXPECT_FALSE(rec->isRecording());
-    std::printf("heavy frames %dx%d@%d for %.1f s: peak %ld frames queued (%.1f MiB), peak RSS "
-                "%.1f MiB, RSS %.1f -> %.1f MiB while recording (%+.1f MiB per minute), "
-                "drained in %.1f s after stop\n",
-                kW, kH, kFps, r.wallSeconds, r.peakQueuedFrames, r.peakQueuedMiB,
+    std::printf("heavy frames %dx%d@%d for %.1f s: peak %ld frames queued (%.1f MiB), %ld frames "
+                "not made up, peak RSS %.1f MiB, RSS %.1f -> %.1f MiB while recording (%+.1f MiB "
+                "per minute), drained in %.1f s after stop\n",
+                kW, kH, kFps, r.wallSeconds, r.peakQueuedFrames, r.peakQueuedMiB, r.framesNotMadeUp,
                 r.peakRssKiB / 1024.0, r.rssKiB.front() / 1024.0, r.rssKiB.back() / 1024.0,
                 r.rssGrowthMiBPerMinute(), r.drainSeconds);
     RecordProperty("peak_queued_frames", int(r.peakQueuedFrames));
@@ -455,8 +455,11 @@ TEST_F(HardeningTest, LongRunHeavyFramesForAMinuteLoseNothing)
     ASSERT_TRUE(readMediaFile(file, f, &err, false)) << err;
     ASSERT_NE(f.video(), nullptr);
     ASSERT_NE(f.audio(), nullptr);
+    // A machine that stalls for over a second (a sanitizer build) loses frames, and the
+    // feeder counts them: every period is in the file or in that count.
+    ASSERT_GE(r.framesNotMadeUp, 0);
     EXPECT_NEAR(f.videoSeconds(), r.wallSeconds, r.wallSeconds * 0.01);
-    EXPECT_NEAR(f.videoSeconds(), f.audioSeconds(), 0.1);
+    EXPECT_NEAR(f.videoSeconds() + double(r.framesNotMadeUp) / kFps, f.audioSeconds(), 0.1);
 }
 
 int main(int argc, char **argv)

@@ -70,12 +70,16 @@ HeavyRecordingReport recordHeavy(LoadedRecorder &rec, const std::string &file, i
     rec->setPluginComponent(nullptr);
 
     const QRegularExpression peak(QStringLiteral("at most (\\d+) video frames \\(([0-9.]+) MiB\\)"));
+    const QRegularExpression lost(QStringLiteral("(\\d+) not made up"));
     for (const QString &m : log.messages()) {
         const auto match = peak.match(m);
         if (match.hasMatch()) {
             r.peakQueuedFrames = match.captured(1).toLong();
             r.peakQueuedMiB = match.captured(2).toDouble();
         }
+        const auto lostMatch = lost.match(m);
+        if (lostMatch.hasMatch())
+            r.framesNotMadeUp = lostMatch.captured(1).toLong();
     }
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);

@@ -37,6 +37,7 @@ struct HeavyRecordingReport {
     double drainSeconds = 0;         // from stopRecord to the end of the session
     long peakQueuedFrames = -1;      // as the encoder reported it (-1: not reported)
     double peakQueuedMiB = -1;       // pixels in those frames
+    long framesNotMadeUp = -1;       // the feeder's count of frames lost to stalls over 1 s
     std::vector<long> rssKiB;        // resident size at each sample while recording
     long peakRssKiB = 0;             // of the process so far
     // Resident size growth over the recording, MiB per minute.
