@@ -162,7 +162,9 @@ void FFmpegEncode::encode()
     writer.flush();
     logPeakQueues();
     // Its directory removed while recording, the file was written to nowhere: say so.
-    if (!QFileInfo::exists(m_videoPath) && !m_videoPath.startsWith(QLatin1String("/dev/")))
+    // (Devices and protocol URLs are not files to look for.)
+    if (!m_videoPath.startsWith(QLatin1String("/dev/"))
+        && !m_videoPath.contains(QLatin1String("://")) && !QFileInfo::exists(m_videoPath))
         qDebug().noquote() << QStringLiteral("record failed: the output file %1 no longer exists")
                                   .arg(m_videoPath);
     m_state.store(kOver, std::memory_order_release);
