@@ -15,6 +15,9 @@ constexpr unsigned int kZeroFpsIntervalUs = 99990;
 constexpr unsigned int kIntervalMarginUs = 10;
 // Shortest period: frame rates beyond camera rates must not turn the feeder into a spin.
 constexpr unsigned int kMinIntervalUs = 1000;
+// A feeder behind its schedule still rests this long between passes: the session thread
+// waiting to put the next frame in the slot gets the lock instead of starving.
+constexpr std::chrono::milliseconds kMinRestBetweenPasses{1};
 
 } // namespace
 
@@ -115,7 +118,9 @@ void VideoDataThread::feed()
         const int due = schedule.take(now);
         if (due > 0 && handOver(width, height, due))
             handed += due;
-        std::this_thread::sleep_until(std::min(schedule.nextDue(), now + period));
+        const auto wake = std::min(schedule.nextDue(), now + period);
+        std::this_thread::sleep_until(
+            std::max(wake, FrameSchedule::Clock::now() + kMinRestBetweenPasses));
     }
     qDebug().noquote() << QStringLiteral("video feeder: %1 frames handed over; %2 frames made up "
                                          "after stalls, %3 not made up")
