@@ -66,6 +66,15 @@ int cardIndex(const char *name)
     return n;
 }
 
+// The element of `card` with `numid`, or null; the caller holds the model's mutex.
+fakealsa::Element *findElement(Model &m, int card, unsigned int numid)
+{
+    for (fakealsa::Element &e : m.cards.at(card).elements)
+        if (e.numid == numid)
+            return &e;
+    return nullptr;
+}
+
 } // namespace
 
 // The opaque ALSA types, as this model needs them.
@@ -147,10 +156,8 @@ std::vector<long> elementValues(int card, unsigned int numid)
 {
     Model &m = model();
     std::lock_guard<std::mutex> lock(m.mutex);
-    for (const Element &e : m.cards.at(card).elements)
-        if (e.numid == numid)
-            return e.values;
-    return {};
+    const Element *e = findElement(m, card, numid);
+    return e ? e->values : std::vector<long>();
 }
 
 std::vector<std::string> pcmOpenAttempts()
@@ -338,13 +345,11 @@ int snd_ctl_elem_info(snd_ctl_t *ctl, snd_ctl_elem_info_t *info)
 {
     Model &m = model();
     std::lock_guard<std::mutex> lock(m.mutex);
-    for (const fakealsa::Element &e : m.cards.at(ctl->card).elements) {
-        if (e.numid == info->numid) {
-            info->element = e;
-            return 0;
-        }
-    }
-    return -ENOENT;
+    const fakealsa::Element *e = findElement(m, ctl->card, info->numid);
+    if (!e)
+        return -ENOENT;
+    info->element = *e;
+    return 0;
 }
 
 snd_ctl_elem_iface_t snd_ctl_elem_info_get_interface(const snd_ctl_elem_info_t *)
@@ -416,28 +421,24 @@ int snd_ctl_elem_read(snd_ctl_t *ctl, snd_ctl_elem_value_t *value)
 {
     Model &m = model();
     std::lock_guard<std::mutex> lock(m.mutex);
-    for (const fakealsa::Element &e : m.cards.at(ctl->card).elements) {
-        if (e.numid == value->numid) {
-            value->values = e.values;
-            return 0;
-        }
-    }
-    return -ENOENT;
+    const fakealsa::Element *e = findElement(m, ctl->card, value->numid);
+    if (!e)
+        return -ENOENT;
+    value->values = e->values;
+    return 0;
 }
 
 int snd_ctl_elem_write(snd_ctl_t *ctl, snd_ctl_elem_value_t *value)
 {
     Model &m = model();
     std::lock_guard<std::mutex> lock(m.mutex);
-    for (fakealsa::Element &e : m.cards.at(ctl->card).elements) {
-        if (e.numid == value->numid) {
-            e.values = value->values;
-            e.values.resize(e.count, 0);
-            m.writes.push_back({ctl->card, e.numid, e.values});
-            return 0;
-        }
-    }
-    return -ENOENT;
+    fakealsa::Element *e = findElement(m, ctl->card, value->numid);
+    if (!e)
+        return -ENOENT;
+    e->values = value->values;
+    e->values.resize(e->count, 0);
+    m.writes.push_back({ctl->card, e->numid, e->values});
+    return 0;
 }
 
 int snd_ctl_elem_value_get_boolean(const snd_ctl_elem_value_t *obj, unsigned int idx)
