@@ -1,10 +1,17 @@
 #include "audiocapturethread.h"
 
+#include <QDebug>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QStringList>
 #include <alsa/asoundlib.h>
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,24 +28,33 @@ const char *const kFallbackNames[] = {"kwvizdesk", "camera"};
 constexpr unsigned int kMaxElements = 100;
 // The integer control raised to its maximum on every card.
 constexpr unsigned int kRaisedNumid = 2;
-// Opens of a busy device, and the pause between them (microseconds).
+// Opens of a busy device, and the pause between them.
 constexpr int kBusyOpens = 9;
-constexpr unsigned long kBusyRetryPauseUs = 1000000;
+constexpr std::chrono::milliseconds kBusyRetryPause{1000};
+// Every wait in the busy-device path looks at the stop request at least this often.
+constexpr std::chrono::milliseconds kStopCheck{100};
 // Rate asked of the device, Hz.
 constexpr unsigned int kWantedRate = 48000;
 // Re-opens after a failed read, and the pause between them (microseconds).
 constexpr int kReopenAttempts = 11;
 constexpr unsigned long kReopenPauseUs = 10;
-// Poll period of the wait for startRecord (microseconds).
-constexpr unsigned long kRecordPollUs = 10;
+// Longest single wait for sound from the device: a stop is seen at least this often.
+constexpr int kReadWaitMs = 50;
+// A device that delivers nothing for this long is taken for gone.
+constexpr std::chrono::milliseconds kStallLimit{2000};
+// readBlock's answer when the stop came before the block was full.
+constexpr long kReadStopped = 0;
 
 } // namespace
 
-// State shared by the session thread and the capture thread. The flags are polled
-// without a lock; each has one writer at a time.
+// State shared by the session thread and the capture thread. The flags are read without
+// a lock; bRecord and bRun are written under controlMutex, so that the capture thread's
+// waits on controlCondition see every change.
 class AudiocaptureThreadPrivate
 {
 public:
+    std::mutex controlMutex;
+    std::condition_variable controlCondition; // signalled by startRecord and stopThread
     std::atomic<bool> bRecord{false};   // capture may begin (startRecord)
     std::atomic<bool> bRun{false};      // the capture loop keeps going
     std::atomic<bool> bOver{false};     // the capture loop has ended
@@ -72,8 +88,11 @@ AudiocaptureThread::~AudiocaptureThread()
 
 void AudiocaptureThread::startThread()
 {
-    d->bRecord = false;
-    d->bRun = true;
+    {
+        std::lock_guard<std::mutex> lock(d->controlMutex);
+        d->bRecord = false;
+        d->bRun = true;
+    }
     d->bOver = false;
     d->exit.reset();
     start(QThread::InheritPriority);
@@ -81,12 +100,25 @@ void AudiocaptureThread::startThread()
 
 void AudiocaptureThread::stopThread()
 {
-    d->bRecord = false;
-    d->bRun = false;
+    {
+        std::lock_guard<std::mutex> lock(d->controlMutex);
+        d->bRecord = false;
+        d->bRun = false;
+    }
+    d->controlCondition.notify_all();
 }
 
 bool AudiocaptureThread::isOver() const { return d->bOver; }
-void AudiocaptureThread::startRecord() { d->bRecord = true; }
+
+void AudiocaptureThread::startRecord()
+{
+    {
+        std::lock_guard<std::mutex> lock(d->controlMutex);
+        d->bRecord = true;
+    }
+    d->controlCondition.notify_all();
+}
+
 void AudiocaptureThread::setPause(bool on) { d->bPause = on; }
 int AudiocaptureThread::frameSize() const { return d->frameSize; }
 void AudiocaptureThread::setFrameSize(int samples) { d->frameSize = samples; }
@@ -202,15 +234,32 @@ QString AudiocaptureThread::snd_card_find(QString name)
     return result;
 }
 
-// Restarts the desktop sound server, which may hold the device.
+// Restarts the desktop sound server, which may hold the device. The helper gets an
+// environment of its own (LD_LIBRARY_PATH empty, so that a library path of the host's does
+// not reach it): the process's own environment, which the host's threads read, is untouched.
 static void restartSoundServer()
 {
-    const QByteArray saved = qgetenv("LD_LIBRARY_PATH");
-    qputenv("LD_LIBRARY_PATH", QByteArray(""));
-    const QStringList command = QProcess::splitCommand(QStringLiteral("killall pulseaudio"));
-    QProcess::startDetached(command.first(), command.mid(1));
-    qputenv("LD_LIBRARY_PATH", saved);
-    QThread::usleep(kBusyRetryPauseUs);
+    QProcess killall;
+    killall.setProgram(QStringLiteral("killall"));
+    killall.setArguments({QStringLiteral("pulseaudio")});
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("LD_LIBRARY_PATH"), QString());
+    killall.setProcessEnvironment(environment);
+    killall.startDetached();
+}
+
+// Sleeps `pause`, looking at the stop request every kStopCheck; false when it came.
+static bool pauseUnlessStopped(std::chrono::milliseconds pause,
+                               const std::function<bool()> &stopRequested)
+{
+    const auto until = std::chrono::steady_clock::now() + pause;
+    for (auto now = std::chrono::steady_clock::now(); now < until;
+         now = std::chrono::steady_clock::now()) {
+        if (stopRequested())
+            return false;
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(until - now, kStopCheck));
+    }
+    return !stopRequested();
 }
 
 // Configures an open device; false after the message of the step that failed.
@@ -279,6 +328,11 @@ static bool configure(snd_pcm_t *pcm, int format, std::atomic<int> &rate, std::a
 
 bool AudiocaptureThread::open()
 {
+    return open([] { return false; });
+}
+
+bool AudiocaptureThread::open(const std::function<bool()> &stopRequested)
+{
     QString device = snd_card_find(d->soundCardName);
     for (const char *fallback : kFallbackNames) {
         if (!device.isEmpty())
@@ -307,6 +361,8 @@ bool AudiocaptureThread::open()
         if (err != -EBUSY || --retriesLeft == 0)
             return false;
         restartSoundServer();
+        if (!pauseUnlessStopped(kBusyRetryPause, stopRequested))
+            return false;
     }
     const bool ok = configure(d->pcmHandle, d->pcmFormat, d->sampleRate, d->audioChannel);
     fflush(stdout);
@@ -328,7 +384,7 @@ void AudiocaptureThread::run()
 bool AudiocaptureThread::reopen()
 {
     for (int attempt = 1; attempt <= kReopenAttempts; ++attempt) {
-        if (open())
+        if (open([this] { return !d->bRun; }))
             return true;
         if (attempt == kReopenAttempts)
             break;
@@ -339,19 +395,73 @@ bool AudiocaptureThread::reopen()
     return d->pcmHandle != nullptr;
 }
 
+// Waits until capture may begin (true) or the thread is stopped first (false).
+bool AudiocaptureThread::waitForRecord()
+{
+    std::unique_lock<std::mutex> lock(d->controlMutex);
+    d->controlCondition.wait(lock, [&] { return d->bRecord || !d->bRun; });
+    return d->bRun;
+}
+
+// Fills `buffer` with `frames` frames, reading what the device has as it comes, with a
+// time-out: a device that stops delivering or a stop request never leaves the thread
+// blocked. Returns `frames`, kReadStopped when the stop came first, or a negative ALSA
+// error (-ETIMEDOUT: nothing came for kStallLimit).
+long AudiocaptureThread::readBlock(unsigned char *buffer, int frames, int frameBytes)
+{
+    snd_pcm_t *pcm = d->pcmHandle;
+    long filled = 0;
+    auto lastData = std::chrono::steady_clock::now();
+    while (filled < frames) {
+        if (!d->bRun)
+            return kReadStopped;
+        const int ready = snd_pcm_wait(pcm, kReadWaitMs);
+        if (ready < 0)
+            return ready;
+        const snd_pcm_sframes_t avail = snd_pcm_avail_update(pcm);
+        if (avail < 0)
+            return static_cast<long>(avail);
+        if (avail == 0) {
+            if (std::chrono::steady_clock::now() - lastData >= kStallLimit)
+                return -ETIMEDOUT;
+            continue;
+        }
+        const snd_pcm_sframes_t got =
+            snd_pcm_readi(pcm, buffer + filled * frameBytes,
+                          static_cast<snd_pcm_uframes_t>(std::min<long>(avail, frames - filled)));
+        if (got == -EAGAIN)
+            continue;
+        if (got < 0)
+            return static_cast<long>(got);
+        filled += got;
+        lastData = std::chrono::steady_clock::now();
+    }
+    return filled;
+}
+
+// Starts a prepared device: a capture stream does not run until it is started, and
+// the reads wait on it with a time-out instead of starting it themselves.
+static int startDevice(snd_pcm_t *pcm)
+{
+    const int err = snd_pcm_start(pcm);
+    if (err < 0)
+        printf("无法使用音频接口 (%s)\n", snd_strerror(err));
+    return err;
+}
+
 void AudiocaptureThread::capture()
 {
     const int sampleBytes = snd_pcm_format_width(static_cast<snd_pcm_format_t>(d->pcmFormat)) / 8;
     printf("%s\n", kSeparator);
     fflush(stdout);
     // A recording stopped before its first frame never calls startRecord: stop ends the wait.
-    while (!d->bRecord && d->bRun)
-        QThread::usleep(kRecordPollUs);
+    waitForRecord();
 
     const int frames = d->frameSize;
     const int channels = d->audioChannel;
     const int rate = d->sampleRate;
-    const size_t blockBytes = static_cast<size_t>(sampleBytes) * frames * channels;
+    const int frameBytes = sampleBytes * channels;
+    const size_t blockBytes = static_cast<size_t>(frameBytes) * frames;
     unsigned char *captureBuffer = nullptr;
     if (d->bRun && frames > 0 && d->pcmHandle) {
         captureBuffer = static_cast<unsigned char *>(malloc(blockBytes));
@@ -361,9 +471,13 @@ void AudiocaptureThread::capture()
             printf("开始采集音频数据:%zu\n", blockBytes);
         fflush(stdout);
     }
+    if (captureBuffer && startDevice(d->pcmHandle) < 0) {
+        free(captureBuffer);
+        captureBuffer = nullptr;
+    }
 
     while (captureBuffer && d->bRun) {
-        const snd_pcm_sframes_t got = snd_pcm_readi(d->pcmHandle, captureBuffer, frames);
+        const long got = readBlock(captureBuffer, frames, frameBytes);
         if (got == frames) {
             if (d->bPause)
                 continue;
@@ -376,12 +490,14 @@ void AudiocaptureThread::capture()
             d->encode->addAudio(block);
             continue;
         }
-        // A short or failed read hands nothing on: the encoder takes whole blocks only.
+        if (got == kReadStopped)
+            break;
+        // A failed read hands nothing on: the encoder takes whole blocks only.
         printf("从音频接口读取失败(%s)\n", snd_strerror(static_cast<int>(got)));
         fflush(stdout);
         snd_pcm_close(d->pcmHandle);
         d->pcmHandle = nullptr;
-        if (!d->bRun || !reopen())
+        if (!d->bRun || !reopen() || startDevice(d->pcmHandle) < 0)
             break;
         // The encoder was set up for the first device's layout: a device that came back
         // with another one would hand it blocks it would misread, so capture ends.
@@ -400,7 +516,11 @@ void AudiocaptureThread::capture()
         d->pcmHandle = nullptr;
     }
     free(captureBuffer);
+    if (d->bRun && d->bRecord)
+        qDebug() << "the microphone stopped delivering: recording goes on without sound";
     d->bOver = true;
+    // The writer stops keeping a place for sound that will not come.
+    d->encode->endAudio();
     printf("AudiocaptureThread over\n");
     fflush(stdout);
 }

@@ -3,6 +3,7 @@
 
 #include <QString>
 #include <QThread>
+#include <functional>
 
 class FFmpegEncode;
 class AudiocaptureThreadPrivate;
@@ -19,6 +20,9 @@ public:
     ~AudiocaptureThread() override;
 
     bool open();
+    // The same, giving up between the retries of a busy device once `stopRequested`
+    // answers true (looked at least every kStopCheckMs).
+    bool open(const std::function<bool()> &stopRequested);
     QString snd_card_find(QString name);
 
     void startThread();
@@ -39,6 +43,8 @@ protected:
 
 private:
     void capture();
+    bool waitForRecord();
+    long readBlock(unsigned char *buffer, int frames, int frameBytes);
     bool reopen();
 
     AudiocaptureThreadPrivate *d;

@@ -283,11 +283,20 @@ int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSamp
         return -1;
     fmt = oc->oformat;
 
-    // A wanted stream whose container has no default codec of that kind is not made.
-    if (fmt->video_codec == AV_CODEC_ID_NONE)
+    // A wanted stream whose container has no default codec of that kind is not made, and
+    // the user is told rather than left with a file silently missing it.
+    if (m_hasVideo && fmt->video_codec == AV_CODEC_ID_NONE) {
         m_hasVideo = false;
-    if (fmt->audio_codec == AV_CODEC_ID_NONE)
+        printf("the container %s cannot hold video: recording without it\n", fmt->name);
+    }
+    if (m_hasAudio && fmt->audio_codec == AV_CODEC_ID_NONE) {
         m_hasAudio = false;
+        printf("the container %s cannot hold sound: recording without it\n", fmt->name);
+    }
+    if (!m_hasVideo && !m_hasAudio) {
+        puts("nothing to record: no stream is wanted that the container can hold");
+        return -1;
+    }
     if (m_hasVideo
         && add_stream(&video_st, oc, &video_codec, fmt->video_codec, m_bitrate, m_fps, m_width,
                       m_height, audioChannel, audioSampleRate) != 0)
@@ -369,7 +378,7 @@ int FFmpegApi::encodeAndWrite(OutputStream *ost, AVFrame *frame)
     return result;
 }
 
-AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img)
+AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img, int64_t pts)
 {
     // A frame the encoder cannot take is refused, not encoded as garbage.
     if (img.empty() || img.type() != CV_8UC3 || img.cols < video_st.enc->width
@@ -384,15 +393,22 @@ AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img)
         puts("cannot fill yuv images");
         return nullptr;
     }
-    frame->pts = video_st.next_pts++;
+    // A pts at or before the last one would be refused by the muxer: it follows instead.
+    frame->pts = std::max(pts, video_st.next_pts);
+    video_st.next_pts = frame->pts + 1;
     return frame;
 }
 
 int FFmpegApi::write_video(cv::Mat img)
 {
+    return write_video(img, video_st.next_pts);
+}
+
+int FFmpegApi::write_video(cv::Mat img, int64_t pts)
+{
     if (!m_headerWritten || !m_hasVideo || !video_st.frame)
         return -1;
-    AVFrame *frame = nextVideoFrame(img);
+    AVFrame *frame = nextVideoFrame(img, pts);
     if (!frame)
         return -1;
     if (!m_useFilter)
@@ -444,11 +460,16 @@ int FFmpegApi::write_audio(unsigned char *data)
 
 bool FFmpegApi::encodeVideo()
 {
+    return encodeVideo(video_st.next_pts);
+}
+
+bool FFmpegApi::encodeVideo(int64_t videoPts)
+{
     if (!m_hasAudio)
         return true;
     if (!m_hasVideo)
         return false;
-    return av_compare_ts(video_st.next_pts, video_st.enc->time_base, audio_st.next_pts,
+    return av_compare_ts(videoPts, video_st.enc->time_base, audio_st.next_pts,
                          audio_st.enc->time_base)
         <= 0;
 }

@@ -81,8 +81,13 @@ public:
              int audioChannel, int audioSampleRate);
     int audioFrameSize() const { return m_audioFrameSize; }
     bool encodeVideo();
+    // Whether a video frame with this pts (frame periods) is due before the next audio.
+    bool encodeVideo(int64_t videoPts);
     // 0, or -1 (a frame of the wrong size or type is refused without a timestamp advance).
+    // Without a pts the frame follows the last one written.
     int write_video(cv::Mat img);
+    // pts in frame periods: a frame that was never written leaves its place empty.
+    int write_video(cv::Mat img, int64_t pts);
     // Reads channels x audioFrameSize() x 2 bytes of interleaved S16; always 0.
     int write_audio(unsigned char *data);
     // Drains both encoders, writes the trailer and releases everything.
@@ -110,7 +115,7 @@ private:
     void reportWriteError(const char *what, int error);
     // The video frame filled from `img` with the next timestamp, or null when `img` cannot
     // be taken (wrong type, too small) and the timestamp stays.
-    AVFrame *nextVideoFrame(cv::Mat &img);
+    AVFrame *nextVideoFrame(cv::Mat &img, int64_t pts);
     void release();
 
     char *m_filename = nullptr;   // borrowed, valid only while open runs

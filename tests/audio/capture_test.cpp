@@ -4,7 +4,9 @@
 #include <alsa/asoundlib.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
+#include <thread>
 #include <fstream>
 #include <regex>
 
@@ -289,7 +291,7 @@ TEST_F(BusyDeviceTest, ABusyDeviceRestartsTheSoundServerEightTimesThenGivesUp)
     qunsetenv("LD_LIBRARY_PATH");
 }
 
-TEST_F(BusyDeviceTest, AnUnsetLibraryPathIsLeftDefinedAndEmptyAfterARestart)
+TEST_F(BusyDeviceTest, TheRestartNeverTouchesTheProcesssEnvironment)
 {
     fakealsa::Capture c;
     c.busyOpens = 1;
@@ -299,11 +301,34 @@ TEST_F(BusyDeviceTest, AnUnsetLibraryPathIsLeftDefinedAndEmptyAfterARestart)
     std::string out;
     EXPECT_TRUE(open(cap, out)) << out;
     EXPECT_EQ(fakealsa::pcmOpenAttempts().size(), 2u);
-    EXPECT_TRUE(qEnvironmentVariableIsSet("LD_LIBRARY_PATH"));
-    EXPECT_TRUE(qgetenv("LD_LIBRARY_PATH").isEmpty());
+    // The host's threads read the environment: only the helper's own one is changed.
+    EXPECT_FALSE(qEnvironmentVariableIsSet("LD_LIBRARY_PATH"));
     ASSERT_TRUE(testutil::pollUntil([&] { return killallCalls().size() >= 1; }, 10s));
     EXPECT_EQ(killallCalls(), std::vector<std::string>{"pulseaudio|"});
-    qunsetenv("LD_LIBRARY_PATH");
+}
+
+TEST_F(BusyDeviceTest, AStopEndsTheRetriesOfABusyDeviceAtOnce)
+{
+    fakealsa::Capture c;
+    c.busyOpens = 1000;
+    fakealsa::addCard("KW-08P USBCamera", {}, c);
+    AudiocaptureThread cap(&encoder);
+    std::atomic<bool> stop{false};
+    std::atomic<bool> opened{true};
+    std::chrono::steady_clock::time_point stopAt, returnedAt;
+    testutil::captureStdout([&] {
+        std::thread opener([&] {
+            opened = cap.open([&] { return stop.load(); });
+            returnedAt = std::chrono::steady_clock::now();
+        });
+        ASSERT_TRUE(testutil::pollUntil([&] { return fakealsa::pcmOpenAttempts().size() >= 2; }, 10s));
+        stopAt = std::chrono::steady_clock::now();
+        stop = true;
+        opener.join();
+    });
+    EXPECT_FALSE(opened);
+    // Eight retries a second apart would take eight seconds.
+    EXPECT_LT(returnedAt - stopAt, 1s);
 }
 
 // Captures `blocks` blocks into an audio-only WAV through the real encoder, so that the
@@ -335,7 +360,7 @@ TEST_F(CaptureTest, BlocksHoldWholeInterleavedReadsOfTheEncodersSize)
             capture.setFrameSize(enc.audioFrameSize());
             capture.startThread();
             capture.startRecord();
-            ASSERT_TRUE(testutil::pollUntil([&] { return fakealsa::readsDelivered() >= 12; }, 10s));
+            ASSERT_TRUE(testutil::pollUntil([&] { return fakealsa::framesDelivered() >= 12 * 1024; }, 10s));
             capture.stopThread();
             ASSERT_TRUE(testutil::pollUntil([&] { return capture.isOver(); }, 5s));
             enc.setRun(false);
@@ -369,7 +394,7 @@ TEST_F(CaptureTest, PausedBlocksAreDroppedAndResumingHandsOnTheNextRead)
         cap.startThread();
         cap.setPause(true);
         cap.startRecord();
-        ASSERT_TRUE(testutil::pollUntil([&] { return fakealsa::readsDelivered() >= 10; }, 10s));
+        ASSERT_TRUE(testutil::pollUntil([&] { return fakealsa::framesDelivered() >= 10 * 480; }, 10s));
         EXPECT_EQ(encoder.audioQueueCount(), 0);
         cap.setPause(false);
         EXPECT_TRUE(testutil::pollUntil([&] { return encoder.audioQueueCount() >= 3; }, 10s));
@@ -377,13 +402,13 @@ TEST_F(CaptureTest, PausedBlocksAreDroppedAndResumingHandsOnTheNextRead)
         ASSERT_TRUE(testutil::pollUntil([&] { return cap.isOver(); }, 5s));
     });
     // Every block handed on came from a read after the resume.
-    EXPECT_LE(encoder.audioQueueCount(), int(fakealsa::readsDelivered()) - 10);
+    EXPECT_LE(encoder.audioQueueCount(), int(fakealsa::framesDelivered() / 480) - 10);
 }
 
 TEST_F(CaptureTest, AnUnpluggedMicrophoneIsReopenedElevenTimesThenCaptureEnds)
 {
     fakealsa::Capture c;
-    c.unplugAfterReads = 3;
+    c.unplugAfterMs = 300;
     fakealsa::addCard("KW-08P USBCamera", {}, c);
     AudiocaptureThread cap(&encoder);
     std::string out = testutil::captureStdout([&] {
@@ -393,7 +418,8 @@ TEST_F(CaptureTest, AnUnpluggedMicrophoneIsReopenedElevenTimesThenCaptureEnds)
         cap.startRecord();
         ASSERT_TRUE(testutil::pollUntil([&] { return cap.isOver(); }, 10s));
     });
-    EXPECT_EQ(encoder.audioQueueCount(), 3);
+    EXPECT_GT(encoder.audioQueueCount(), 0);
+    EXPECT_LE(encoder.audioQueueCount(), 30); // nothing after the unplug
     const size_t failure = out.find("从音频接口读取失败(No such device)\n");
     ASSERT_NE(failure, std::string::npos) << out;
     // Each open() walks the cards for the three names: 11 re-opens, 33 searches.
@@ -407,7 +433,7 @@ TEST_F(CaptureTest, AnUnpluggedMicrophoneIsReopenedElevenTimesThenCaptureEnds)
 TEST_F(CaptureTest, AMicrophoneThatComesBackAtOnceKeepsDelivering)
 {
     fakealsa::Capture c;
-    c.unplugAfterReads = 3;
+    c.unplugAfterMs = 35;
     c.replugAfterMs = 0;
     fakealsa::addCard("KW-08P USBCamera", {}, c);
     AudiocaptureThread cap(&encoder);
@@ -423,10 +449,12 @@ TEST_F(CaptureTest, AMicrophoneThatComesBackAtOnceKeepsDelivering)
     });
 }
 
-TEST_F(CaptureTest, AShortReadHandsNoPartialBlockOn)
+// A device that stays open but delivers nothing must neither hold a stop nor keep the
+// thread waiting for ever: after two silent seconds it is taken for gone.
+TEST_F(CaptureTest, AStalledMicrophoneIsTakenForGoneAndNeverHoldsAStop)
 {
     fakealsa::Capture c;
-    c.shortReadAfterReads = 2;
+    c.stallAfterMs = 100;
     fakealsa::addCard("KW-08P USBCamera", {}, c);
     AudiocaptureThread cap(&encoder);
     std::string out = testutil::captureStdout([&] {
@@ -434,13 +462,16 @@ TEST_F(CaptureTest, AShortReadHandsNoPartialBlockOn)
         cap.setFrameSize(480);
         cap.startThread();
         cap.startRecord();
-        ASSERT_TRUE(testutil::pollUntil([&] { return encoder.audioQueueCount() >= 5; }, 10s));
+        ASSERT_TRUE(testutil::pollUntil([&] { return fakealsa::pcmOpens() >= 2; }, 10s));
+        const auto stopAt = std::chrono::steady_clock::now();
         cap.stopThread();
         ASSERT_TRUE(testutil::pollUntil([&] { return cap.isOver(); }, 5s));
+        EXPECT_LT(std::chrono::steady_clock::now() - stopAt, 1s);
     });
-    EXPECT_EQ(count(out, "从音频接口读取失败("), 1) << out;
-    // Only complete reads became blocks.
-    EXPECT_EQ(encoder.audioQueueCount(), int(fakealsa::readsDelivered()));
+    // The stall is reported and the device is opened again, as after a failed read.
+    EXPECT_NE(out.find("从音频接口读取失败(Connection timed out)\n"), std::string::npos) << out;
+    EXPECT_LE(encoder.audioQueueCount(), 10);
+    EXPECT_EQ(fakealsa::pcmOpenHandles(), 0);
 }
 
 TEST_F(CaptureTest, StoppingBeforeRecordingEndsTheThreadPromptly)
@@ -453,7 +484,7 @@ TEST_F(CaptureTest, StoppingBeforeRecordingEndsTheThreadPromptly)
         cap.stopThread();
         EXPECT_TRUE(testutil::pollUntil([&] { return cap.isOver(); }, 2s));
     });
-    EXPECT_EQ(fakealsa::readsDelivered(), 0);
+    EXPECT_EQ(fakealsa::framesDelivered(), 0);
     EXPECT_EQ(out.find("开始采集音频数据"), std::string::npos);
     EXPECT_EQ(fakealsa::pcmOpenHandles(), 0);
 }

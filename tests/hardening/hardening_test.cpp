@@ -254,8 +254,10 @@ TEST_F(HardeningTest, StopDuringStartUpEndsCleanly)
         rec->stopRecord();
         EXPECT_TRUE(rec.stopAndWait(60s));
     });
-    EXPECT_TRUE(testutil::pollUntil([&] { return cam.ends == 1; }, 10s));
-    EXPECT_EQ(cam.begins, 1);
+    // Stopped before its session began, the recording may never touch the camera.
+    EXPECT_TRUE(testutil::pollUntil([&] { return cam.ends == cam.begins; }, 10s));
+    EXPECT_LE(cam.begins, 1);
+    EXPECT_FALSE(rec->waitForRecordStart(0));
     readableOrAbsent(path("early.mp4"));
 }
 
@@ -328,7 +330,7 @@ TEST_F(HardeningTest, DeletingTheInstanceRightAfterStopWaitsForTheSession)
 TEST_F(HardeningTest, AMicrophoneUnpluggedForGoodLeavesTheVideoGoingOn)
 {
     fakealsa::Capture c;
-    c.unplugAfterReads = 40; // about one second of sound
+    c.unplugAfterMs = 1000;
     fakealsa::addCard("KW-08P USBCamera", {}, c);
     rec->setHasAudio(true);
     ScriptedCamera cam([](long n) { return SyntheticCamera::makeFrame(160, 120, n, 0); });
@@ -365,7 +367,7 @@ TEST_F(HardeningTest, ABusyMicrophoneAnswersWithinTheHostsTimeOut)
 TEST_F(HardeningTest, AMicrophoneUnpluggedAndBackAfterThreeSecondsLeavesTheVideoGoingOn)
 {
     fakealsa::Capture c;
-    c.unplugAfterReads = 40; // about one second of sound
+    c.unplugAfterMs = 1000;
     c.replugAfterMs = 3000;
     fakealsa::addCard("KW-08P USBCamera", {}, c);
     rec->setHasAudio(true);
