@@ -9,6 +9,8 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
+#include <cstdint>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -57,6 +59,9 @@ public:
     std::condition_variable controlCondition; // signalled by startRecord and stopThread
     std::atomic<bool> bRecord{false};   // capture may begin (startRecord)
     std::atomic<bool> bRun{false};      // the capture loop keeps going
+    // When stopThread was called (steady clock, ns since its epoch): sound captured after
+    // it is not handed on, however late the loop sees the stop.
+    std::atomic<int64_t> stopAtNs{INT64_MAX};
     std::atomic<bool> bOver{false};     // the capture loop has ended
     std::atomic<bool> bPause{false};    // blocks are read but dropped
     std::atomic<int> frameSize{1152};   // frames per read and per block; set before startRecord
@@ -92,6 +97,7 @@ void AudiocaptureThread::startThread()
         std::lock_guard<std::mutex> lock(d->controlMutex);
         d->bRecord = false;
         d->bRun = true;
+        d->stopAtNs = INT64_MAX;
     }
     d->bOver = false;
     d->exit.reset();
@@ -102,6 +108,8 @@ void AudiocaptureThread::stopThread()
 {
     {
         std::lock_guard<std::mutex> lock(d->controlMutex);
+        if (d->bRun)
+            d->stopAtNs = std::chrono::steady_clock::now().time_since_epoch().count();
         d->bRecord = false;
         d->bRun = false;
     }
@@ -476,9 +484,14 @@ void AudiocaptureThread::capture()
         captureBuffer = nullptr;
     }
 
+    // A block that ends more than half a block after the stop is not part of the recording.
+    const auto halfBlock = std::chrono::nanoseconds(500000000LL * frames / std::max(rate, 1));
     while (captureBuffer && d->bRun) {
         const long got = readBlock(captureBuffer, frames, frameBytes);
         if (got == frames) {
+            const auto blockEnd = std::chrono::steady_clock::now().time_since_epoch();
+            if (blockEnd - halfBlock > std::chrono::nanoseconds(d->stopAtNs.load()))
+                break;
             if (d->bPause)
                 continue;
             auto *block = static_cast<unsigned char *>(malloc(blockBytes));

@@ -25,6 +25,7 @@
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
 #include "support/qtmessages.h"
+#include "support/testcameras.h"
 #include "support/testutil.h"
 #include "syntheticcamera.h"
 
@@ -39,37 +40,6 @@ struct Options {
     unsigned bitrate = 2000000;
     bool reference = true;
     QString plugin = QStringLiteral(RECORDER_PLUGIN_PATH);
-};
-
-// A 30 fps camera that cycles through pre-rendered frames, so that drawing the pattern
-// costs nothing during the measurement; paced on a steady-clock schedule.
-class PrerenderedCamera : public PluginComponent
-{
-public:
-    PrerenderedCamera(int w, int h, int fps) : m_period(std::chrono::nanoseconds(1000000000LL / fps))
-    {
-        for (int i = 0; i < kFrames; ++i)
-            m_frames.push_back(SyntheticCamera::makeFrame(w, h, i, i * 1000 / fps));
-    }
-    static constexpr int kFrames = 30;
-    void beginUse() override {}
-    bool getFrame(cv::Mat &frame) override
-    {
-        if (m_next == 0)
-            m_start = Clock::now();
-        std::this_thread::sleep_until(m_start + m_period * m_next);
-        frame = m_frames[m_next % kFrames];
-        ++m_next;
-        return true;
-    }
-    void endUse() override {}
-    const std::vector<cv::Mat> &frames() const { return m_frames; }
-
-private:
-    const Clock::duration m_period;
-    Clock::time_point m_start;
-    long m_next = 0;
-    std::vector<cv::Mat> m_frames;
 };
 
 double cpuSeconds(int who)

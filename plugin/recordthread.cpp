@@ -463,8 +463,11 @@ static qint64 durationMs(qint64 start, qint64 end)
 
 void RecordThread::stopVideo(Session &s)
 {
-    // Feeder, capture, encoder: each is joined before the next is told, so nothing is
-    // handed to an encoder that has finished.
+    // Feeder, capture, encoder. The picture and the sound are told at the same moment, so
+    // that they end together; both are joined before the encoder finishes the file.
+    s.feeder->stop();
+    if (s.capture)
+        s.capture->stopThread();
     s.feeder.reset();
     s.capture.reset();
 
