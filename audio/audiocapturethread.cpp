@@ -18,7 +18,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "encode/clocksync.h"
 #include "encode/ffmpegencode.h"
+#include "media/audioblock.h"
 #include "media/threadexit.h"
 
 namespace {
@@ -44,8 +46,13 @@ constexpr unsigned long kReopenPauseUs = 10;
 constexpr int kReadWaitMs = 50;
 // A device that delivers nothing for this long is taken for gone.
 constexpr std::chrono::milliseconds kStallLimit{2000};
-// readBlock's answer when the stop came before the block was full.
+// readSome's answer when the stop came first.
 constexpr long kReadStopped = 0;
+
+double steadySeconds()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
 
 } // namespace
 
@@ -411,16 +418,15 @@ bool AudiocaptureThread::waitForRecord()
     return d->bRun;
 }
 
-// Fills `buffer` with `frames` frames, reading what the device has as it comes, with a
-// time-out: a device that stops delivering or a stop request never leaves the thread
-// blocked. Returns `frames`, kReadStopped when the stop came first, or a negative ALSA
-// error (-ETIMEDOUT: nothing came for kStallLimit).
-long AudiocaptureThread::readBlock(unsigned char *buffer, int frames, int frameBytes)
+// Reads what the device has, up to `maxFrames`, waiting for it with a time-out: a device
+// that stops delivering or a stop request never leaves the thread blocked. Returns the
+// frames read, kReadStopped when the stop came first, or a negative ALSA error
+// (-ETIMEDOUT: nothing came for kStallLimit).
+long AudiocaptureThread::readSome(int16_t *buffer, long maxFrames)
 {
     snd_pcm_t *pcm = d->pcmHandle;
-    long filled = 0;
-    auto lastData = std::chrono::steady_clock::now();
-    while (filled < frames) {
+    const auto since = std::chrono::steady_clock::now();
+    for (;;) {
         if (!d->bRun)
             return kReadStopped;
         const int ready = snd_pcm_wait(pcm, kReadWaitMs);
@@ -429,22 +435,15 @@ long AudiocaptureThread::readBlock(unsigned char *buffer, int frames, int frameB
         const snd_pcm_sframes_t avail = snd_pcm_avail_update(pcm);
         if (avail < 0)
             return static_cast<long>(avail);
-        if (avail == 0) {
-            if (std::chrono::steady_clock::now() - lastData >= kStallLimit)
-                return -ETIMEDOUT;
-            continue;
+        if (avail > 0) {
+            const snd_pcm_sframes_t got = snd_pcm_readi(
+                pcm, buffer, static_cast<snd_pcm_uframes_t>(std::min<long>(avail, maxFrames)));
+            if (got != -EAGAIN)
+                return static_cast<long>(got);
         }
-        const snd_pcm_sframes_t got =
-            snd_pcm_readi(pcm, buffer + filled * frameBytes,
-                          static_cast<snd_pcm_uframes_t>(std::min<long>(avail, frames - filled)));
-        if (got == -EAGAIN)
-            continue;
-        if (got < 0)
-            return static_cast<long>(got);
-        filled += got;
-        lastData = std::chrono::steady_clock::now();
+        if (std::chrono::steady_clock::now() - since >= kStallLimit)
+            return -ETIMEDOUT;
     }
-    return filled;
 }
 
 // Starts a prepared device: a capture stream does not run until it is started, and
@@ -457,9 +456,86 @@ static int startDevice(snd_pcm_t *pcm)
     return err;
 }
 
+namespace {
+
+// Cuts what the device delivers into the encoder's blocks and dates every block on the
+// steady clock through the card's measured clock. Frames lost to an overrun or while the
+// device was re-opened come back as silence of their length, so the sound keeps its
+// place on the timeline. Used by the capture thread only.
+class BlockCutter
+{
+public:
+    BlockCutter(int frames, int channels, int rate)
+        : m_frames(frames), m_channels(channels), m_rate(rate), m_clock(rate) {}
+
+    // `got` frames read; the read completed at steady time `t` (seconds).
+    void addRead(const int16_t *data, long got, double t)
+    {
+        if (m_gapFrom >= 0) {
+            // The first frame after the gap was captured `got` frames before now.
+            const double firstAt = t - double(got) / m_rate;
+            const long lost = std::max(0L, std::lround((firstAt - m_gapFrom) * m_rate
+                                                        * m_clock.rateRatio()));
+            m_pending.insert(m_pending.end(), size_t(lost) * m_channels, 0);
+            m_total += lost;
+            m_lostFrames += lost;
+            m_gapFrom = -1;
+        }
+        m_pending.insert(m_pending.end(), data, data + got * m_channels);
+        m_total += got;
+        m_clock.add(t, m_total);
+    }
+    // The device stopped delivering (an overrun, or it is re-opened): sound resumes later.
+    void beginGap(bool newDevice)
+    {
+        m_gapFrom = m_clock.timeOfFrame(m_total);
+        if (newDevice)
+            m_clock.reset(); // another device, another crystal
+    }
+    bool hasBlock() const { return m_pending.size() >= size_t(m_frames) * m_channels; }
+    // The oldest whole block; hasBlock() must hold.
+    AudioBlock takeBlock()
+    {
+        AudioBlock block;
+        const size_t n = size_t(m_frames) * m_channels;
+        block.samples.assign(m_pending.begin(), m_pending.begin() + n);
+        m_pending.erase(m_pending.begin(), m_pending.begin() + n);
+        block.frames = m_frames;
+        block.channels = m_channels;
+        block.rate = m_rate;
+        const int64_t first = m_total - int64_t(m_pending.size() / m_channels) - m_frames;
+        block.captureTime = m_clock.timeOfFrame(first);
+        block.rateRatio = m_clock.rateRatio();
+        return block;
+    }
+    long lostFrames() const { return m_lostFrames; }
+
+private:
+    const int m_frames;             // per block
+    const int m_channels;
+    const int m_rate;               // Hz, nominal
+    CardClockEstimator m_clock;     // the card's frames against the steady clock
+    std::vector<int16_t> m_pending; // frames not yet in a block, interleaved
+    int64_t m_total = 0;            // frames of this capture, silence included
+    double m_gapFrom = -1;          // steady time the frame after a gap was due; -1: no gap
+    long m_lostFrames = 0;          // frames filled with silence
+};
+
+} // namespace
+
+// The stream stopped (an overrun): prepares and starts it again; false when it cannot.
+static bool restartDevice(snd_pcm_t *pcm)
+{
+    const int err = snd_pcm_prepare(pcm);
+    if (err < 0) {
+        printf("无法使用音频接口 (%s)\n", snd_strerror(err));
+        return false;
+    }
+    return snd_pcm_start(pcm) >= 0;
+}
+
 void AudiocaptureThread::capture()
 {
-    const int sampleBytes = snd_pcm_format_width(static_cast<snd_pcm_format_t>(d->pcmFormat)) / 8;
     printf("%s\n", kSeparator);
     fflush(stdout);
     // A recording stopped before its first frame never calls startRecord: stop ends the wait.
@@ -468,48 +544,55 @@ void AudiocaptureThread::capture()
     const int frames = d->frameSize;
     const int channels = d->audioChannel;
     const int rate = d->sampleRate;
-    const int frameBytes = sampleBytes * channels;
-    const size_t blockBytes = static_cast<size_t>(frameBytes) * frames;
-    unsigned char *captureBuffer = nullptr;
-    if (d->bRun && frames > 0 && d->pcmHandle) {
-        captureBuffer = static_cast<unsigned char *>(malloc(blockBytes));
-        if (!captureBuffer)
-            puts("缓冲区分配错误.");
-        else
-            printf("开始采集音频数据:%zu\n", blockBytes);
+    const size_t blockBytes = sizeof(int16_t) * size_t(frames) * channels;
+    std::vector<int16_t> readBuffer;
+    bool capturing = d->bRun && frames > 0 && d->pcmHandle;
+    if (capturing) {
+        readBuffer.resize(size_t(frames) * channels);
+        printf("开始采集音频数据:%zu\n", blockBytes);
         fflush(stdout);
-    }
-    if (captureBuffer && startDevice(d->pcmHandle) < 0) {
-        free(captureBuffer);
-        captureBuffer = nullptr;
+        capturing = startDevice(d->pcmHandle) >= 0;
     }
 
+    BlockCutter cutter(frames, std::max(channels, 1), std::max(rate, 1));
     // A block that ends more than half a block after the stop is not part of the recording.
-    const auto halfBlock = std::chrono::nanoseconds(500000000LL * frames / std::max(rate, 1));
-    while (captureBuffer && d->bRun) {
-        const long got = readBlock(captureBuffer, frames, frameBytes);
-        if (got == frames) {
-            const auto blockEnd = std::chrono::steady_clock::now().time_since_epoch();
-            if (blockEnd - halfBlock > std::chrono::nanoseconds(d->stopAtNs.load()))
-                break;
-            if (d->bPause)
-                continue;
-            auto *block = static_cast<unsigned char *>(malloc(blockBytes));
-            if (!block) {
-                puts("缓冲区分配错误.");
-                break;
+    const double halfBlock = 0.5 * frames / std::max(rate, 1);
+    bool continues = false; // the next block follows the last one handed on
+    int overruns = 0;
+    while (capturing && d->bRun) {
+        const long got = readSome(readBuffer.data(), frames);
+        if (got > 0) {
+            cutter.addRead(readBuffer.data(), got, steadySeconds());
+            while (cutter.hasBlock()) {
+                AudioBlock block = cutter.takeBlock();
+                const double stopAt = d->stopAtNs.load() / 1e9;
+                if (block.captureTime + double(frames) / rate - halfBlock > stopAt) {
+                    capturing = false;
+                    break;
+                }
+                if (d->bPause) {
+                    continues = false; // paused time is not recorded
+                    continue;
+                }
+                block.continues = continues;
+                continues = true;
+                d->encode->addAudio(std::move(block));
             }
-            memcpy(block, captureBuffer, blockBytes);
-            d->encode->addAudio(block);
             continue;
         }
         if (got == kReadStopped)
             break;
-        // A failed read hands nothing on: the encoder takes whole blocks only.
         printf("从音频接口读取失败(%s)\n", snd_strerror(static_cast<int>(got)));
         fflush(stdout);
+        if (got == -EPIPE && restartDevice(d->pcmHandle)) {
+            // The card's buffer ran full: the sound lost meanwhile becomes silence.
+            ++overruns;
+            cutter.beginGap(false);
+            continue;
+        }
         snd_pcm_close(d->pcmHandle);
         d->pcmHandle = nullptr;
+        cutter.beginGap(true);
         if (!d->bRun || !reopen() || startDevice(d->pcmHandle) < 0)
             break;
         // The encoder was set up for the first device's layout: a device that came back
@@ -528,7 +611,11 @@ void AudiocaptureThread::capture()
         snd_pcm_close(d->pcmHandle);
         d->pcmHandle = nullptr;
     }
-    free(captureBuffer);
+    if (cutter.lostFrames() > 0)
+        qWarning().noquote() << QStringLiteral("%1 ms of sound lost (%2 overruns): filled with "
+                                               "silence")
+                                    .arg(cutter.lostFrames() * 1000 / std::max(rate, 1))
+                                    .arg(overruns);
     if (d->bRun && d->bRecord)
         qDebug() << "the microphone stopped delivering: recording goes on without sound";
     d->bOver = true;

@@ -3,6 +3,7 @@
 
 #include <QString>
 #include <QThread>
+#include <cstdint>
 #include <functional>
 
 class FFmpegEncode;
@@ -44,7 +45,7 @@ protected:
 private:
     void capture();
     bool waitForRecord();
-    long readBlock(unsigned char *buffer, int frames, int frameBytes);
+    long readSome(int16_t *buffer, long maxFrames);
     bool reopen();
 
     AudiocaptureThreadPrivate *d;

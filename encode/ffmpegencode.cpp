@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "media/ffmpegapi.h"
+#include "soundtimeline.h"
 
 FFmpegEncode::FFmpegEncode(QObject *parent)
     : QThread(parent)
@@ -141,21 +142,29 @@ void FFmpegEncode::addVideo(cv::Mat &frame, int times, int64_t pts)
     queueCondition.notify_all();
 }
 
-void FFmpegEncode::addAudio(unsigned char *block)
+void FFmpegEncode::addAudio(AudioBlock block)
 {
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         const int state = m_state.load(std::memory_order_relaxed);
         const bool noStream = (state & kOpen) && !m_recAudio;
-        if (!noStream && !(state & (kFailed | kOver))) {
-            audioList.append(block);
-            ++audioBlocksQueued;
-            peakAudioQueued = std::max(peakAudioQueued, int(audioList.size()));
-            block = nullptr;
-        }
+        if (noStream || (state & (kFailed | kOver)))
+            return; // a file without sound, or no file at all: nothing will write it
+        audioList.append(std::move(block));
+        ++audioBlocksQueued;
+        peakAudioQueued = std::max(peakAudioQueued, int(audioList.size()));
     }
-    free(block); // a file without sound, or no file at all: nothing will write it
     queueCondition.notify_all();
+}
+
+void FFmpegEncode::setTimelineOrigin(std::chrono::steady_clock::time_point origin)
+{
+    m_originNs = std::chrono::duration_cast<std::chrono::nanoseconds>(origin.time_since_epoch()).count();
+}
+
+std::chrono::steady_clock::time_point FFmpegEncode::timelineOrigin() const
+{
+    return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(m_originNs.load()));
 }
 
 void FFmpegEncode::endAudio()
@@ -209,8 +218,6 @@ void FFmpegEncode::logPeakQueues()
 void FFmpegEncode::freeQueued()
 {
     std::lock_guard<std::mutex> lock(queueMutex);
-    for (unsigned char *block : audioList)
-        free(block);
     audioList.clear();
     videoList.clear();
     videoQueuedBytes = 0;
@@ -227,6 +234,9 @@ void FFmpegEncode::encode()
     FFmpegApi writer;
     writer.setHasVideo(m_recVideo);
     writer.setHasAudio(m_recAudio);
+    // Picture and sound in step for hours: the sound follows the steady clock that times
+    // the picture, by resampling (a pitch change far below hearing), not by timestamps.
+    writer.setDriftCorrection(m_recVideo && m_recAudio);
     QByteArray path = m_videoPath.toUtf8();
     if (writer.open(path.data(), static_cast<int>(m_videoBitrate), static_cast<int>(m_fps),
                     static_cast<int>(m_width), static_cast<int>(m_height),
@@ -244,7 +254,11 @@ void FFmpegEncode::encode()
     m_audioFrameSize.store(writer.audioFrameSize(), std::memory_order_relaxed);
     setState(kOpen);
 
-    writeQueued(writer);
+    SoundTimeline timeline(static_cast<int>(m_audioSampleRate));
+    timeline.setCorrecting(m_recVideo && m_recAudio);
+    if (m_originNs.load() != 0)
+        timeline.setOrigin(m_originNs.load() / 1e9);
+    writeQueued(writer, timeline);
     if (!audioOnly) {
         puts("video writeer flush");
         fflush(stdout);
@@ -274,20 +288,40 @@ void FFmpegEncode::writeFirstVideo(std::unique_lock<std::mutex> &lock, FFmpegApi
     lock.lock();
 }
 
-// Takes the oldest block out of the queue, writes it and frees it.
-void FFmpegEncode::writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi &writer)
+// Takes the oldest block out of the queue and writes it where the timeline puts it.
+void FFmpegEncode::writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi &writer,
+                                   SoundTimeline &timeline)
 {
-    unsigned char *block = audioList.takeFirst();
+    AudioBlock block = audioList.takeFirst();
+    // The origin is set before the capture starts, so the first block sees it.
+    if (m_originNs.load() != 0)
+        timeline.setOrigin(m_originNs.load() / 1e9);
     lock.unlock();
-    writer.write_audio(block);
-    free(block);
+    const SoundTimeline::Placement p = timeline.place(block, writer.audioSamplesOut());
+    if (p.leadSilence > 0) {
+        AudioBlock silence;
+        silence.frames = static_cast<int>(p.leadSilence);
+        silence.channels = block.channels;
+        silence.rate = block.rate;
+        silence.samples.assign(size_t(silence.frames) * block.channels, 0);
+        writer.write_audio(silence);
+    }
+    if (p.skip >= block.frames) {
+        lock.lock();
+        return; // the picture began after this block ended
+    }
+    if (p.skip > 0) {
+        block.samples.erase(block.samples.begin(), block.samples.begin() + p.skip * block.channels);
+        block.frames -= static_cast<int>(p.skip);
+    }
+    writer.write_audio(block, p.compensation);
     lock.lock();
 }
 
 // Writes whatever is queued as soon as it is queued, the earlier stream first, and waits
 // only when both queues are empty: one stream, or one that ended, never holds the other.
 // After setRun(false) it writes what is left and returns.
-void FFmpegEncode::writeQueued(FFmpegApi &writer)
+void FFmpegEncode::writeQueued(FFmpegApi &writer, SoundTimeline &timeline)
 {
     std::unique_lock<std::mutex> lock(queueMutex);
     for (;;) {
@@ -301,6 +335,6 @@ void FFmpegEncode::writeQueued(FFmpegApi &writer)
         if (video)
             writeFirstVideo(lock, writer);
         else
-            writeFirstAudio(lock, writer);
+            writeFirstAudio(lock, writer, timeline);
     }
 }

@@ -11,9 +11,11 @@
 #include <mutex>
 #include <opencv2/core/mat.hpp>
 
+#include "media/audioblock.h"
 #include "media/threadexit.h"
 
 class FFmpegApi;
+class SoundTimeline;
 
 // The encoder thread of one recording: owns the media writer while it runs and writes
 // whatever is queued as soon as it can, the earlier of the two streams first.
@@ -79,7 +81,12 @@ public:
     // of the pixels, shared, so a feeder catching up after a stall costs one frame.
     void addVideo(cv::Mat &frame, int times, int64_t pts);
     void addVideo(cv::Mat &frame, int times);
-    void addAudio(unsigned char *block);    // takes ownership of a malloc'ed block
+    void addAudio(AudioBlock block);
+    // The session, before the feeder and the capture start: when the picture's frame 0 is
+    // due (steady clock). The sound is placed and kept against it.
+    void setTimelineOrigin(std::chrono::steady_clock::time_point origin);
+    // The feeder: the origin, or the epoch when none was set.
+    std::chrono::steady_clock::time_point timelineOrigin() const;
     // The capture thread: no more sound will come (the microphone is gone or stopped).
     void endAudio();
     int audioQueueCount();
@@ -99,9 +106,10 @@ private:
     };
 
     void encode();
-    void writeQueued(FFmpegApi &writer);
+    void writeQueued(FFmpegApi &writer, SoundTimeline &timeline);
     void writeFirstVideo(std::unique_lock<std::mutex> &lock, FFmpegApi &writer);
-    void writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi &writer);
+    void writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi &writer,
+                         SoundTimeline &timeline);
     void freeQueued();
     void logPeakQueues();
     void setState(int state);
@@ -135,13 +143,16 @@ private:
     bool m_audioEnded = false;               // no more audio blocks will come
     long audioBlocksQueued = 0;              // blocks ever queued (a wait can miss none)
     QList<QueuedFrame> videoList;            // oldest first
-    QList<unsigned char *> audioList;        // owned blocks, oldest first
+    QList<AudioBlock> audioList;             // oldest first
     int64_t nextVideoPts = 0;                // pts of a frame queued without one
     size_t videoQueuedBytes = 0;             // bytes of pixels in videoList, shared ones once
     int peakVideoQueued = 0;                 // frames: videoList's longest length so far
     int peakAudioQueued = 0;                 // blocks: audioList's longest length so far
     size_t peakVideoQueuedBytes = 0;         // bytes: videoQueuedBytes's largest value so far
     long droppedVideo = 0;                   // frames not queued because the queue was full
+
+    // Steady clock, ns since its epoch: when the picture's frame 0 is due; 0 when unset.
+    std::atomic<int64_t> m_originNs{0};
 
     std::atomic<int> startCount{0};          // reset when encoding (re)starts
     std::atomic<qint64> startTime{0};        // ms since the epoch, when encoding (re)started

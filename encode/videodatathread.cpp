@@ -49,6 +49,8 @@ void VideoDataThread::stop()
 {
     {
         std::lock_guard<std::mutex> lock(controlMutex);
+        if (running.load())
+            stopAt = std::chrono::steady_clock::now();
         running.store(false);
     }
     controlCondition.notify_all();
@@ -113,6 +115,8 @@ void VideoDataThread::feed()
     const bool sizeOk = width > 0 && height > 0;
     bool inRun = false; // a run of passes is under way (not paused)
     long handed = 0;    // frames handed over
+    // The first run starts at the recording's origin, where the sound is placed too.
+    FrameSchedule::Clock::time_point firstRunStart = encoder->timelineOrigin();
     std::unique_lock<std::mutex> lock(controlMutex);
     while (running.load()) {
         if (pause.load() || !sizeOk) {
@@ -124,7 +128,9 @@ void VideoDataThread::feed()
         lock.unlock();
         const auto now = FrameSchedule::Clock::now();
         if (!inRun) {
-            schedule.restart(now);
+            const bool useOrigin = firstRunStart.time_since_epoch().count() != 0 && firstRunStart <= now;
+            schedule.restart(useOrigin ? firstRunStart : now);
+            firstRunStart = {};
             inRun = true;
         }
         const int due = schedule.take(now);
@@ -135,7 +141,15 @@ void VideoDataThread::feed()
         lock.lock();
         controlCondition.wait_until(lock, wake, [&] { return !running.load() || pause.load(); });
     }
+    const auto stoppedAt = stopAt;
     lock.unlock();
+    // The picture runs up to the stop, as the sound does, however late this thread got
+    // to see it: what was due by then is handed over.
+    if (inRun && !pause.load()) {
+        const int due = schedule.take(stoppedAt);
+        if (due > 0 && handOver(width, height, due, schedule.takenPts()))
+            handed += due;
+    }
     qDebug().noquote() << QStringLiteral("video feeder: %1 frames handed over; %2 frames made up "
                                          "after stalls, %3 not made up")
                               .arg(handed)

@@ -24,7 +24,8 @@ public:
 
     void setData(cv::Mat &frame);      // copies the frame into the slot
     void start(FFmpegEncode *encoder); // null: does nothing
-    void stop();                       // wakes the thread; does not wait
+    // Wakes the thread, which hands over what is due up to now and ends; does not wait.
+    void stop();
     bool isReady() const { return ready.load(std::memory_order_acquire); }
     // Blocks until the thread runs (true) or `timeout` passed.
     bool waitForReady(std::chrono::milliseconds timeout);
@@ -42,6 +43,7 @@ private:
     std::condition_variable controlCondition; // signalled by start, stop, setPause and ready
     std::atomic<bool> running{false};  // keep looping
     std::atomic<bool> pause{false};    // hand nothing over
+    std::chrono::steady_clock::time_point stopAt; // when stop() was called; guarded by controlMutex
     std::mutex frameMutex;             // guards currentFrame; taken before the encoder's queue lock
     cv::Mat currentFrame;              // newest frame, a private copy
     FFmpegEncode *encoder = nullptr;   // not owned

@@ -437,6 +437,9 @@ void RecordThread::recordVideo(Session &s)
 void RecordThread::startBehindFirstFrame(Session &s)
 {
     FFmpegEncode &encoder = *s.encoder;
+    // One origin for picture and sound: frame 0 is due now, and the sound is placed
+    // against it whenever its first block comes.
+    encoder.setTimelineOrigin(std::chrono::steady_clock::now());
     if (s.capture)
         startCapture(*s.capture, encoder);
     encoder.startEncode();

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <random>
 
-#include "audio/clocksync.h"
+#include "encode/clocksync.h"
 
 namespace {
 

@@ -22,13 +22,19 @@ namespace {
 
 constexpr int kW = 160, kH = 128;
 
-// A malloc'ed mono S16 block of `samples` samples of a 1 kHz sine starting at `first`.
-unsigned char *sineBlock(int samples, long first)
+// A mono S16 block of `samples` samples of a 1 kHz sine starting at `first`, captured
+// on a card with an exact clock.
+AudioBlock sineBlock(int samples, long first)
 {
-    auto *block = static_cast<int16_t *>(malloc(sizeof(int16_t) * samples));
+    AudioBlock block;
+    block.frames = samples;
+    block.channels = 1;
+    block.rate = 48000;
+    block.captureTime = double(first) / 48000;
+    block.continues = first > 0;
     for (int i = 0; i < samples; ++i)
-        block[i] = static_cast<int16_t>(10000 * std::sin(2 * M_PI * 1000.0 * (first + i) / 48000));
-    return reinterpret_cast<unsigned char *>(block);
+        block.samples.push_back(static_cast<int16_t>(10000 * std::sin(2 * M_PI * 1000.0 * (first + i) / 48000)));
+    return block;
 }
 
 void configure(FFmpegEncode &e, const std::string &path, bool video, bool audio, unsigned fps = 20)
