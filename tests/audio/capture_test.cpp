@@ -14,6 +14,7 @@
 #include "encode/ffmpegencode.h"
 #include "fakealsa.h"
 #include "support/mediareader.h"
+#include "support/qtmessages.h"
 #include "support/testutil.h"
 
 using namespace std::chrono_literals;
@@ -331,40 +332,48 @@ TEST_F(BusyDeviceTest, AStopEndsTheRetriesOfABusyDeviceAtOnce)
     EXPECT_LT(returnedAt - stopAt, 1s);
 }
 
-// Captures `blocks` blocks into an audio-only WAV through the real encoder, so that the
-// bytes handed on can be compared sample for sample with what the card delivered.
-TEST_F(CaptureTest, BlocksHoldWholeInterleavedReadsOfTheEncodersSize)
+// Captures into an audio-only WAV through the real encoder, so that what was handed on
+// can be compared sample for sample with what the card delivered; an overrun's lost
+// sound must come back as silence of its length.
+TEST_F(CaptureTest, BlocksHoldWholeInterleavedReadsAndOverrunsLeaveSilenceOfTheirLength)
 {
-    for (int channels : {1, 2}) {
+    struct Row {
+        int channels;
+        long overrunEveryMs; // -1: none
+    };
+    for (const Row row : {Row{1, -1}, Row{2, -1}, Row{1, 300}}) {
+        const int channels = row.channels;
+        SCOPED_TRACE(std::to_string(channels) + " channel(s), overrun every "
+                     + std::to_string(row.overrunEveryMs) + " ms");
         fakealsa::reset();
         fakealsa::Capture c;
         c.channels = {static_cast<unsigned>(channels)};
         c.frequency = 500;
+        c.overrunEveryMs = row.overrunEveryMs;
+        c.overrunLossMs = 200;
         fakealsa::addCard("KW-08P USBCamera", {}, c);
-        AudiocaptureThread cap(&encoder);
-        std::string out;
-        ASSERT_TRUE(open(cap, out));
-        ASSERT_EQ(cap.audioChannel(), channels);
 
         FFmpegEncode enc;
-        const std::string file = dir.file("cap" + std::to_string(channels) + ".wav");
+        const std::string file = dir.file("cap" + std::to_string(channels) + "_"
+                                          + std::to_string(row.overrunEveryMs) + ".wav");
         enc.setVideo_path(QString::fromStdString(file));
         enc.setRecVideo(false);
-        enc.setAudioChannel(static_cast<unsigned>(cap.audioChannel()));
-        enc.setaudioSampleRate(static_cast<unsigned>(cap.sampleRate()));
         AudiocaptureThread capture(&enc);
-        out = testutil::captureStdout([&] {
+        QtMessageCollector log;
+        const std::string out = testutil::captureStdout([&] {
             ASSERT_TRUE(capture.open());
+            ASSERT_EQ(capture.audioChannel(), channels);
+            enc.setAudioChannel(static_cast<unsigned>(capture.audioChannel()));
+            enc.setaudioSampleRate(static_cast<unsigned>(capture.sampleRate()));
             enc.setRun(true);
-            ASSERT_TRUE(testutil::pollUntil([&] { return enc.isEncodeOpen(); }, 10s));
+            ASSERT_TRUE(enc.waitForOpen());
             capture.setFrameSize(enc.audioFrameSize());
             capture.startThread();
             capture.startRecord();
-            ASSERT_TRUE(testutil::pollUntil([&] { return fakealsa::framesDelivered() >= 12 * 1024; }, 10s));
+            ASSERT_TRUE(testutil::pollUntil([&] { return fakealsa::framesDelivered() >= 48 * 1024; }, 10s));
             capture.stopThread();
             ASSERT_TRUE(testutil::pollUntil([&] { return capture.isOver(); }, 5s));
-            enc.setRun(false);
-            ASSERT_TRUE(testutil::pollUntil([&] { return enc.isOver(); }, 10s));
+            enc.finish();
         });
         EXPECT_NE(out.find("开始采集音频数据:" + std::to_string(1024 * 2 * channels) + "\n"),
                   std::string::npos)
@@ -374,13 +383,36 @@ TEST_F(CaptureTest, BlocksHoldWholeInterleavedReadsOfTheEncodersSize)
         std::string err;
         ASSERT_TRUE(readMediaFile(file, f, &err)) << err;
         ASSERT_EQ(f.audioChannels, channels);
-        ASSERT_GE(f.samples.size(), size_t(12 * 1024 * channels));
         ASSERT_EQ(f.samples.size() % (1024 * channels), 0u); // whole blocks only
+        // The sound up to the first silence is the card's, sample for sample.
+        const size_t frames = f.samples.size() / channels;
+        size_t i = 0;
         long mismatches = 0;
-        for (size_t i = 0; i < f.samples.size(); ++i)
-            mismatches += f.samples[i]
-                != fakealsa::sampleAt(long(i / channels), int(i % channels), 48000, 500);
-        EXPECT_EQ(mismatches, 0) << channels << " channel(s)";
+        const auto silenceAt = [&](size_t k) { // two zeros: a sine of 500 Hz has none
+            return k + 1 < frames && f.samples[k * channels] == 0 && f.samples[(k + 1) * channels] == 0;
+        };
+        for (; i < frames && !silenceAt(i); ++i)
+            for (int ch = 0; ch < channels; ++ch)
+                mismatches += f.samples[i * channels + ch] != fakealsa::sampleAt(long(i), ch, 48000, 500);
+        EXPECT_EQ(mismatches, 0);
+        // Every overrun left one stretch of silence as long as the sound it lost: the
+        // 200 ms the card took to restart and what was unread when it ran over.
+        std::vector<double> silences;
+        for (size_t run = 0; i < frames; ++i) {
+            run = f.samples[i * channels] == 0 ? run + 1 : 0;
+            if (run == size_t(48000 / 20)) // 50 ms: no sine has that
+                silences.push_back(0);
+            if (run >= size_t(48000 / 20))
+                silences.back() = double(run) / 48000;
+        }
+        ASSERT_EQ(int(silences.size()), fakealsa::overruns());
+        for (double seconds : silences) {
+            EXPECT_GE(seconds, 0.195);
+            EXPECT_LE(seconds, 0.240);
+        }
+        if (row.overrunEveryMs > 0) {
+            EXPECT_EQ(log.count(QStringLiteral("overruns): filled with silence")), 1);
+        }
     }
 }
 
