@@ -37,6 +37,7 @@ struct Model {
     int openHandles = 0;
     long framesDelivered = 0;
     int overruns = 0;
+    long framesLost = 0;
     bool beeping = false;
     fakealsa::Beeps beeps;
 };
@@ -147,6 +148,7 @@ struct _snd_pcm {
     unsigned int channels = 1;
     enum State { Prepared, Running, Overrun } state = Prepared;
     long readPos = 0;               // card frame of the next frame to deliver
+    bool started = false;           // the stream has run before
     Clock::time_point nextOverrun;  // when the next planned overrun comes
     bool lostFrames = false;        // the last stop was an overrun: frames are lost on restart
 };
@@ -163,6 +165,7 @@ void reset()
     m.opens = 0;
     m.framesDelivered = 0;
     m.overruns = 0;
+    m.framesLost = 0;
     m.beeping = false;
 }
 
@@ -236,6 +239,13 @@ int overruns()
     Model &m = model();
     std::lock_guard<std::mutex> lock(m.mutex);
     return m.overruns;
+}
+
+long framesLost()
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    return m.framesLost;
 }
 
 void setBeeps(const Beeps &beeps)
@@ -679,7 +689,11 @@ void startStream(Model &m, snd_pcm_t *pcm, Clock::time_point now)
     // the planned loss before sound comes again.
     const Clock::time_point from =
         pcm->lostFrames ? now + std::chrono::milliseconds(c.capture.overrunLossMs) : now;
-    pcm->readPos = framesBy(c, from);
+    const long resumeAt = framesBy(c, from);
+    if (pcm->started)
+        m.framesLost += std::max(0L, resumeAt - pcm->readPos);
+    pcm->started = true;
+    pcm->readPos = resumeAt;
     pcm->lostFrames = false;
     pcm->state = _snd_pcm::Running;
     if (c.capture.overrunEveryMs > 0)

@@ -76,6 +76,8 @@ int pcmOpenHandles();
 long framesDelivered();
 // Overruns reported, all cards.
 int overruns();
+// Frames a restarted stream skipped (lost to overruns), all cards.
+long framesLost();
 
 // Sample of the steady tone at card frame `frame` of channel `channel`.
 short sampleAt(long frame, int channel, unsigned int rate, double frequency);
