@@ -115,9 +115,16 @@ void VideoDataThread::feed()
     const bool sizeOk = width > 0 && height > 0;
     bool inRun = false; // a run of passes is under way (not paused)
     long handed = 0;    // frames handed over
-    // The first run starts at the recording's origin, where the sound is placed too.
     FrameSchedule::Clock::time_point firstRunStart = encoder->timelineOrigin();
     std::unique_lock<std::mutex> lock(controlMutex);
+    // Starts a run of passes at `now` (the first at the recording's origin, where the
+    // sound is placed too).
+    const auto beginRun = [&](FrameSchedule::Clock::time_point now) {
+        const bool useOrigin = firstRunStart.time_since_epoch().count() != 0 && firstRunStart <= now;
+        schedule.restart(useOrigin ? firstRunStart : now);
+        firstRunStart = {};
+        inRun = true;
+    };
     while (running.load()) {
         if (pause.load() || !sizeOk) {
             // Paused time is neither recorded nor made up: resuming starts a new run.
@@ -127,12 +134,8 @@ void VideoDataThread::feed()
         }
         lock.unlock();
         const auto now = FrameSchedule::Clock::now();
-        if (!inRun) {
-            const bool useOrigin = firstRunStart.time_since_epoch().count() != 0 && firstRunStart <= now;
-            schedule.restart(useOrigin ? firstRunStart : now);
-            firstRunStart = {};
-            inRun = true;
-        }
+        if (!inRun)
+            beginRun(now);
         const int due = schedule.take(now);
         if (due > 0 && handOver(width, height, due, schedule.takenPts()))
             handed += due;
@@ -144,8 +147,10 @@ void VideoDataThread::feed()
     const auto stoppedAt = stopAt;
     lock.unlock();
     // The picture runs up to the stop, as the sound does, however late this thread got
-    // to see it: what was due by then is handed over.
-    if (inRun && !pause.load()) {
+    // to see it (or to run at all): what was due by then is handed over.
+    if (sizeOk && !pause.load() && stoppedAt.time_since_epoch().count() != 0) {
+        if (!inRun)
+            beginRun(stoppedAt);
         const int due = schedule.take(stoppedAt);
         if (due > 0 && handOver(width, height, due, schedule.takenPts()))
             handed += due;

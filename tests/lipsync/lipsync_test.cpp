@@ -107,8 +107,12 @@ TEST_P(LipSyncTest, EveryFlashComesWithItsBeep)
     ASSERT_NE(f.audio(), nullptr);
     EXPECT_EQ(f.audioChannels, 1); // four channels are mixed down to the encoder's one
 
-    const std::vector<double> offsets = pairOffsets(flashTimes(f), beepOnsets(f), 0.5);
-    ASSERT_GE(offsets.size(), size_t(run.seconds / 2 - 2)) << "flashes or beeps went missing";
+    const std::vector<double> flashes = flashTimes(f), beeps = beepOnsets(f);
+    const std::vector<double> offsets = pairOffsets(flashes, beeps, 0.5);
+    // A beep may fall into the sound an overrun lost.
+    ASSERT_GE(offsets.size(), size_t(run.seconds / 2 - 2 - fakealsa::overruns()))
+        << flashes.size() << " flashes, " << beeps.size() << " beeps, " << fakealsa::overruns()
+        << " overruns";
     const auto [lo, hi] = std::minmax_element(offsets.begin(), offsets.end());
     std::printf("%s: %zu pairs, offset (flash - beep) first %+.1f ms, range %+.1f .. %+.1f ms, "
                 "last %+.1f ms\n",
