@@ -37,6 +37,14 @@ const SyncRun kRuns[] = {
     {"LongFourChannels", -1000, -1, 4, 1280, 720, 600},
 };
 
+// A sanitizer build runs several times slower than the recorder is made for: frames are
+// dropped and reads are late, so picture and sound cannot be timed against each other.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kTimingMeaningful = false;
+#else
+constexpr bool kTimingMeaningful = true;
+#endif
+
 constexpr int kFps = 30;
 constexpr double kPeriod = 1.0 / kFps;
 constexpr auto kFlashEvery = 2000ms;
@@ -98,6 +106,8 @@ protected:
 
 TEST_P(LipSyncTest, EveryFlashComesWithItsBeep)
 {
+    if (!kTimingMeaningful)
+        GTEST_SKIP() << "a sanitizer build is too slow to time picture against sound";
     const SyncRun &run = GetParam();
     const auto epoch = std::chrono::steady_clock::now() + 1s;
     addMicrophone(run, epoch);
@@ -144,6 +154,8 @@ TEST_F(LipSyncTest, AStallOfTheFrameSourceKeepsPictureAndSoundTogether)
     ASSERT_NE(f.video(), nullptr);
     ASSERT_NE(f.audio(), nullptr);
     EXPECT_NEAR(f.video()->durationSeconds(), f.audio()->durationSeconds(), kPeriod);
+    if (!kTimingMeaningful)
+        return;
     const std::vector<double> offsets = pairOffsets(flashTimes(f), beepOnsets(f), 0.5);
     // The flash during the stall is not seen; the others are.
     EXPECT_GE(offsets.size(), 2u);
