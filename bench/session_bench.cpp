@@ -6,6 +6,7 @@
 //
 // usage: session_bench [--seconds N] [--sizes 1280x720,1920x1080] [--fps N] [--bitrate N]
 //                      [--no-reference] [--plugin PATH]
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QRegularExpression>
 #include <QStringList>
@@ -21,6 +22,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "commandline.h"
 #include "simulatedmic.h"
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
@@ -40,6 +42,12 @@ struct Options {
     bool reference = true;
     QString plugin = QStringLiteral(RECORDER_PLUGIN_PATH);
 };
+
+// Bounds of the options' values.
+constexpr double kMinSeconds = 0.1;
+constexpr double kMaxSeconds = 86400;
+constexpr int kMaxFps = 240;
+constexpr long long kMaxBitrate = 200000000; // bit/s
 
 // A 30 fps camera that cycles through pre-rendered frames, so that drawing the pattern
 // costs nothing during the measurement; paced on a steady-clock schedule.
@@ -196,34 +204,33 @@ int runOne(const Options &o, int w, int h)
     return 0;
 }
 
-bool parse(int argc, char **argv, Options &o)
+Options parseOptions()
 {
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        const bool more = i + 1 < argc;
-        if (a == "--seconds" && more) {
-            o.seconds = std::atof(argv[++i]);
-        } else if (a == "--fps" && more) {
-            o.fps = std::atoi(argv[++i]);
-        } else if (a == "--bitrate" && more) {
-            o.bitrate = unsigned(std::atol(argv[++i]));
-        } else if (a == "--plugin" && more) {
-            o.plugin = QString::fromLocal8Bit(argv[++i]);
-        } else if (a == "--no-reference") {
-            o.reference = false;
-        } else if (a == "--sizes" && more) {
-            o.sizes.clear();
-            for (const QString &s : QString(argv[++i]).split(',')) {
-                const QStringList wh = s.split('x');
-                if (wh.size() != 2)
-                    return false;
-                o.sizes.emplace_back(wh[0].toInt(), wh[1].toInt());
-            }
-        } else {
-            return false;
-        }
-    }
-    return o.seconds > 0 && o.fps > 0 && !o.sizes.empty();
+    QCommandLineParser p;
+    p.addOptions({
+        {QStringLiteral("seconds"), QStringLiteral("Seconds to record at each size (60)."),
+         QStringLiteral("N")},
+        {QStringLiteral("sizes"), QStringLiteral("Recording sizes (1280x720,1920x1080)."),
+         QStringLiteral("WxH,...")},
+        {QStringLiteral("fps"), QStringLiteral("Camera and recording frame rate (30)."),
+         QStringLiteral("N")},
+        {QStringLiteral("bitrate"), QStringLiteral("Video bit rate in bit/s (2000000)."),
+         QStringLiteral("N")},
+        {QStringLiteral("no-reference"), QStringLiteral("Skip the ffmpeg command line run.")},
+        {QStringLiteral("plugin"), QStringLiteral("The plugin library to load."),
+         QStringLiteral("PATH")},
+    });
+    commandline::parseOrExit(p, QStringLiteral("Records through the built plugin and compares "
+                                               "its cost with the ffmpeg command line."));
+    Options o;
+    commandline::readNumber(p, QStringLiteral("seconds"), o.seconds, kMinSeconds, kMaxSeconds);
+    commandline::readSizes(p, QStringLiteral("sizes"), o.sizes);
+    commandline::readInteger(p, QStringLiteral("fps"), o.fps, 1, kMaxFps);
+    commandline::readInteger(p, QStringLiteral("bitrate"), o.bitrate, 1, kMaxBitrate);
+    o.reference = !p.isSet(QStringLiteral("no-reference"));
+    if (p.isSet(QStringLiteral("plugin")))
+        o.plugin = p.value(QStringLiteral("plugin"));
+    return o;
 }
 
 } // namespace
@@ -231,10 +238,10 @@ bool parse(int argc, char **argv, Options &o)
 int main(int argc, char **argv)
 {
     Options o;
-    if (!parse(argc, argv, o)) {
-        std::fprintf(stderr, "usage: session_bench [--seconds N] [--sizes WxH,...] [--fps N] "
-                             "[--bitrate N] [--no-reference] [--plugin PATH]\n");
-        return 2;
+    {
+        // Each size runs in a process of its own with its own application object.
+        QCoreApplication app(argc, argv);
+        o = parseOptions();
     }
     int failures = 0;
     for (const auto &[w, h] : o.sizes) {

@@ -8,6 +8,7 @@
 //
 // usage: soak_bench [--minutes N] [--mode cycles|heavy|both] [--size WxH] [--bitrate N]
 //                   [--plugin PATH]
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QStringList>
 
@@ -17,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "commandline.h"
 #include "simulatedmic.h"
 #include "support/heavyrecording.h"
 #include "support/loadedrecorder.h"
@@ -37,6 +39,11 @@ struct Options {
     unsigned bitrate = 4000000; // bits per second of the heavy recording
     QString plugin = QStringLiteral(RECORDER_PLUGIN_PATH);
 };
+
+// Bounds of the options' values.
+constexpr double kMinMinutes = 0.01;
+constexpr double kMaxMinutes = 24 * 60;
+constexpr long long kMaxBitrate = 200000000; // bit/s
 
 // Cycles report every this many cycles.
 constexpr int kReportEvery = 25;
@@ -131,47 +138,47 @@ int soakHeavy(const Options &o, const std::string &file)
     return 0;
 }
 
-bool parse(int argc, char **argv, Options &o)
+Options parseOptions()
 {
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        const bool more = i + 1 < argc;
-        if (a == "--minutes" && more) {
-            o.minutes = std::atof(argv[++i]);
-        } else if (a == "--mode" && more) {
-            const std::string m = argv[++i];
-            o.cycles = m == "cycles" || m == "both";
-            o.heavy = m == "heavy" || m == "both";
-            if (!o.cycles && !o.heavy)
-                return false;
-        } else if (a == "--size" && more) {
-            const QStringList wh = QString(argv[++i]).split('x');
-            if (wh.size() != 2)
-                return false;
-            o.width = wh[0].toInt();
-            o.height = wh[1].toInt();
-        } else if (a == "--bitrate" && more) {
-            o.bitrate = unsigned(std::atol(argv[++i]));
-        } else if (a == "--plugin" && more) {
-            o.plugin = QString::fromLocal8Bit(argv[++i]);
-        } else {
-            return false;
-        }
-    }
-    return o.minutes > 0 && o.width > 0 && o.height > 0;
+    QCommandLineParser p;
+    p.addOptions({
+        {QStringLiteral("minutes"), QStringLiteral("Minutes of each run (10)."), QStringLiteral("N")},
+        {QStringLiteral("mode"), QStringLiteral("Which runs: cycles, heavy or both (both)."),
+         QStringLiteral("MODE")},
+        {QStringLiteral("size"), QStringLiteral("Size of the heavy recording (1280x720)."),
+         QStringLiteral("WxH")},
+        {QStringLiteral("bitrate"),
+         QStringLiteral("Video bit rate of the heavy recording in bit/s (4000000)."),
+         QStringLiteral("N")},
+        {QStringLiteral("plugin"), QStringLiteral("The plugin library to load."),
+         QStringLiteral("PATH")},
+    });
+    commandline::parseOrExit(p, QStringLiteral("Runs the long start/stop cycles and the heavy "
+                                               "recording for as long as asked."));
+    Options o;
+    commandline::readNumber(p, QStringLiteral("minutes"), o.minutes, kMinMinutes, kMaxMinutes);
+    QString mode = QStringLiteral("both");
+    commandline::readChoice(p, QStringLiteral("mode"), mode,
+                            {QStringLiteral("cycles"), QStringLiteral("heavy"),
+                             QStringLiteral("both")});
+    o.cycles = mode != QStringLiteral("heavy");
+    o.heavy = mode != QStringLiteral("cycles");
+    commandline::Size size{o.width, o.height};
+    commandline::readSize(p, QStringLiteral("size"), size);
+    o.width = size.first;
+    o.height = size.second;
+    commandline::readInteger(p, QStringLiteral("bitrate"), o.bitrate, 1, kMaxBitrate);
+    if (p.isSet(QStringLiteral("plugin")))
+        o.plugin = p.value(QStringLiteral("plugin"));
+    return o;
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    Options o;
-    if (!parse(argc, argv, o)) {
-        std::fprintf(stderr, "usage: soak_bench [--minutes N] [--mode cycles|heavy|both] "
-                             "[--size WxH] [--bitrate N] [--plugin PATH]\n");
-        return 2;
-    }
     QCoreApplication app(argc, argv);
+    const Options o = parseOptions();
     testutil::TempDir dir;
     int failures = 0;
     if (o.cycles)

@@ -1,2 +1,2 @@
 add_executable(bench_writer ${CMAKE_CURRENT_LIST_DIR}/writer_bench.cpp)
-target_link_libraries(bench_writer PRIVATE recorder_media syntheticcamera)
+target_link_libraries(bench_writer PRIVATE recorder_media syntheticcamera recorder_commandline)

@@ -3,6 +3,9 @@
 // second of each and their ratio.
 //
 // usage: writer_bench [--frames N] [--bitrate N]
+#include <QCommandLineParser>
+#include <QCoreApplication>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +13,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "commandline.h"
 #include "media/ffmpegapi.h"
 #include "syntheticcamera.h"
 
@@ -19,6 +23,9 @@ using Clock = std::chrono::steady_clock;
 constexpr int kFps = 30;
 // Distinct pictures cycled through, rendered before the clock starts.
 constexpr int kPictures = 30;
+// Bounds of the options' values.
+constexpr int kMaxFrames = 100000;
+constexpr int kMaxBitrate = 200000000; // bit/s
 
 std::vector<cv::Mat> render(int w, int h)
 {
@@ -76,15 +83,20 @@ double cliFps(const std::vector<cv::Mat> &pictures, int w, int h, int frames, in
 
 int main(int argc, char **argv)
 {
+    QCoreApplication app(argc, argv);
+    QCommandLineParser p;
+    p.addOptions({
+        {QStringLiteral("frames"), QStringLiteral("Frames to encode at each size (150)."),
+         QStringLiteral("N")},
+        {QStringLiteral("bitrate"), QStringLiteral("Video bit rate in bit/s (2000000)."),
+         QStringLiteral("N")},
+    });
+    commandline::parseOrExit(p, QStringLiteral("Encodes the same frames through the media "
+                                               "writer and the ffmpeg command line."));
     int frames = 150;
     int bitrate = 2000000;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string a = argv[i];
-        if (a == "--frames")
-            frames = std::atoi(argv[i + 1]);
-        else if (a == "--bitrate")
-            bitrate = std::atoi(argv[i + 1]);
-    }
+    commandline::readInteger(p, QStringLiteral("frames"), frames, 1, kMaxFrames);
+    commandline::readInteger(p, QStringLiteral("bitrate"), bitrate, 1, kMaxBitrate);
     char dir[] = "/tmp/writer-bench-XXXXXX";
     if (!mkdtemp(dir))
         return 1;
