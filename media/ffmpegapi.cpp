@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ffmpeglog.h"
+
 extern "C" {
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
@@ -251,6 +253,7 @@ int FFmpegApi::openAudio(AVDictionary *options)
 int FFmpegApi::open(char *filename, int videoBitrate, int fps, int width, int height,
                     int audioChannel, int audioSampleRate)
 {
+    ffmpeglog::route();
     m_filename = filename;
     m_writeFailed = false;
     m_width = width;
