@@ -67,7 +67,7 @@ void logCallback(void *avcl, int level, const char *fmt, va_list vl)
     PendingLine &line = t_line;
     if (line.length == 0)
         line.level = level;
-    char piece[kLineSize];
+    char piece[kLineSize] = {0};
     av_log_format_line2(avcl, level, fmt, vl, piece, sizeof piece, &line.printPrefix);
     const int room = kLineSize - 1 - line.length;
     const int n = std::min(int(std::strlen(piece)), room);
