@@ -1,15 +1,26 @@
 #include "audiocapturethread.h"
 
+#include <QDebug>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QStringList>
 #include <alsa/asoundlib.h>
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "encode/clocksync.h"
 #include "encode/ffmpegencode.h"
+#include "media/audioblock.h"
 #include "media/threadexit.h"
 
 namespace {
@@ -21,26 +32,43 @@ const char *const kFallbackNames[] = {"kwvizdesk", "camera"};
 constexpr unsigned int kMaxElements = 100;
 // The integer control raised to its maximum on every card.
 constexpr unsigned int kRaisedNumid = 2;
-// Opens of a busy device, and the pause between them (microseconds).
+// Opens of a busy device, and the pause between them.
 constexpr int kBusyOpens = 9;
-constexpr unsigned long kBusyRetryPauseUs = 1000000;
+constexpr std::chrono::milliseconds kBusyRetryPause{1000};
+// Every wait in the busy-device path looks at the stop request at least this often.
+constexpr std::chrono::milliseconds kStopCheck{100};
 // Rate asked of the device, Hz.
 constexpr unsigned int kWantedRate = 48000;
 // Re-opens after a failed read, and the pause between them (microseconds).
 constexpr int kReopenAttempts = 11;
 constexpr unsigned long kReopenPauseUs = 10;
-// Poll period of the wait for startRecord (microseconds).
-constexpr unsigned long kRecordPollUs = 10;
+// Longest single wait for sound from the device: a stop is seen at least this often.
+constexpr int kReadWaitMs = 50;
+// A device that delivers nothing for this long is taken for gone.
+constexpr std::chrono::milliseconds kStallLimit{2000};
+// readSome's answer when the stop came first.
+constexpr long kReadStopped = 0;
+
+double steadySeconds()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
 
 } // namespace
 
-// State shared by the session thread and the capture thread. The flags are polled
-// without a lock; each has one writer at a time.
+// State shared by the session thread and the capture thread. The flags are read without
+// a lock; bRecord and bRun are written under controlMutex, so that the capture thread's
+// waits on controlCondition see every change.
 class AudiocaptureThreadPrivate
 {
 public:
+    std::mutex controlMutex;
+    std::condition_variable controlCondition; // signalled by startRecord and stopThread
     std::atomic<bool> bRecord{false};   // capture may begin (startRecord)
     std::atomic<bool> bRun{false};      // the capture loop keeps going
+    // When stopThread was called (steady clock, ns since its epoch): sound captured after
+    // it is not handed on, however late the loop sees the stop.
+    std::atomic<int64_t> stopAtNs{INT64_MAX};
     std::atomic<bool> bOver{false};     // the capture loop has ended
     std::atomic<bool> bPause{false};    // blocks are read but dropped
     std::atomic<int> frameSize{1152};   // frames per read and per block; set before startRecord
@@ -72,8 +100,12 @@ AudiocaptureThread::~AudiocaptureThread()
 
 void AudiocaptureThread::startThread()
 {
-    d->bRecord = false;
-    d->bRun = true;
+    {
+        std::lock_guard<std::mutex> lock(d->controlMutex);
+        d->bRecord = false;
+        d->bRun = true;
+        d->stopAtNs = INT64_MAX;
+    }
     d->bOver = false;
     d->exit.reset();
     start(QThread::InheritPriority);
@@ -81,12 +113,27 @@ void AudiocaptureThread::startThread()
 
 void AudiocaptureThread::stopThread()
 {
-    d->bRecord = false;
-    d->bRun = false;
+    {
+        std::lock_guard<std::mutex> lock(d->controlMutex);
+        if (d->bRun)
+            d->stopAtNs = std::chrono::steady_clock::now().time_since_epoch().count();
+        d->bRecord = false;
+        d->bRun = false;
+    }
+    d->controlCondition.notify_all();
 }
 
 bool AudiocaptureThread::isOver() const { return d->bOver; }
-void AudiocaptureThread::startRecord() { d->bRecord = true; }
+
+void AudiocaptureThread::startRecord()
+{
+    {
+        std::lock_guard<std::mutex> lock(d->controlMutex);
+        d->bRecord = true;
+    }
+    d->controlCondition.notify_all();
+}
+
 void AudiocaptureThread::setPause(bool on) { d->bPause = on; }
 int AudiocaptureThread::frameSize() const { return d->frameSize; }
 void AudiocaptureThread::setFrameSize(int samples) { d->frameSize = samples; }
@@ -202,15 +249,32 @@ QString AudiocaptureThread::snd_card_find(QString name)
     return result;
 }
 
-// Restarts the desktop sound server, which may hold the device.
+// Restarts the desktop sound server, which may hold the device. The helper gets an
+// environment of its own (LD_LIBRARY_PATH empty, so that a library path of the host's does
+// not reach it): the process's own environment, which the host's threads read, is untouched.
 static void restartSoundServer()
 {
-    const QByteArray saved = qgetenv("LD_LIBRARY_PATH");
-    qputenv("LD_LIBRARY_PATH", QByteArray(""));
-    const QStringList command = QProcess::splitCommand(QStringLiteral("killall pulseaudio"));
-    QProcess::startDetached(command.first(), command.mid(1));
-    qputenv("LD_LIBRARY_PATH", saved);
-    QThread::usleep(kBusyRetryPauseUs);
+    QProcess killall;
+    killall.setProgram(QStringLiteral("killall"));
+    killall.setArguments({QStringLiteral("pulseaudio")});
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("LD_LIBRARY_PATH"), QString());
+    killall.setProcessEnvironment(environment);
+    killall.startDetached();
+}
+
+// Sleeps `pause`, looking at the stop request every kStopCheck; false when it came.
+static bool pauseUnlessStopped(std::chrono::milliseconds pause,
+                               const std::function<bool()> &stopRequested)
+{
+    const auto until = std::chrono::steady_clock::now() + pause;
+    for (auto now = std::chrono::steady_clock::now(); now < until;
+         now = std::chrono::steady_clock::now()) {
+        if (stopRequested())
+            return false;
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(until - now, kStopCheck));
+    }
+    return !stopRequested();
 }
 
 // Configures an open device; false after the message of the step that failed.
@@ -279,6 +343,11 @@ static bool configure(snd_pcm_t *pcm, int format, std::atomic<int> &rate, std::a
 
 bool AudiocaptureThread::open()
 {
+    return open([] { return false; });
+}
+
+bool AudiocaptureThread::open(const std::function<bool()> &stopRequested)
+{
     QString device = snd_card_find(d->soundCardName);
     for (const char *fallback : kFallbackNames) {
         if (!device.isEmpty())
@@ -307,6 +376,8 @@ bool AudiocaptureThread::open()
         if (err != -EBUSY || --retriesLeft == 0)
             return false;
         restartSoundServer();
+        if (!pauseUnlessStopped(kBusyRetryPause, stopRequested))
+            return false;
     }
     const bool ok = configure(d->pcmHandle, d->pcmFormat, d->sampleRate, d->audioChannel);
     fflush(stdout);
@@ -328,7 +399,7 @@ void AudiocaptureThread::run()
 bool AudiocaptureThread::reopen()
 {
     for (int attempt = 1; attempt <= kReopenAttempts; ++attempt) {
-        if (open())
+        if (open([this] { return !d->bRun; }))
             return true;
         if (attempt == kReopenAttempts)
             break;
@@ -339,49 +410,190 @@ bool AudiocaptureThread::reopen()
     return d->pcmHandle != nullptr;
 }
 
+// Waits until capture may begin (true) or the thread is stopped first (false).
+bool AudiocaptureThread::waitForRecord()
+{
+    std::unique_lock<std::mutex> lock(d->controlMutex);
+    d->controlCondition.wait(lock, [&] { return d->bRecord || !d->bRun; });
+    return d->bRun;
+}
+
+// Reads what the device has, up to `maxFrames`, waiting for it with a time-out: a device
+// that stops delivering or a stop request never leaves the thread blocked. Returns the
+// frames read, kReadStopped when the stop came first, or a negative ALSA error
+// (-ETIMEDOUT: nothing came for kStallLimit).
+long AudiocaptureThread::readSome(int16_t *buffer, long maxFrames)
+{
+    snd_pcm_t *pcm = d->pcmHandle;
+    const auto since = std::chrono::steady_clock::now();
+    for (;;) {
+        if (!d->bRun)
+            return kReadStopped;
+        const int ready = snd_pcm_wait(pcm, kReadWaitMs);
+        if (ready < 0)
+            return ready;
+        const snd_pcm_sframes_t avail = snd_pcm_avail_update(pcm);
+        if (avail < 0)
+            return static_cast<long>(avail);
+        if (avail > 0) {
+            const snd_pcm_sframes_t got = snd_pcm_readi(
+                pcm, buffer, static_cast<snd_pcm_uframes_t>(std::min<long>(avail, maxFrames)));
+            if (got != -EAGAIN)
+                return static_cast<long>(got);
+        }
+        if (std::chrono::steady_clock::now() - since >= kStallLimit)
+            return -ETIMEDOUT;
+    }
+}
+
+// Starts a prepared device: a capture stream does not run until it is started, and
+// the reads wait on it with a time-out instead of starting it themselves.
+static int startDevice(snd_pcm_t *pcm)
+{
+    const int err = snd_pcm_start(pcm);
+    if (err < 0)
+        printf("无法使用音频接口 (%s)\n", snd_strerror(err));
+    return err;
+}
+
+namespace {
+
+// Cuts what the device delivers into the encoder's blocks and dates every block on the
+// steady clock through the card's measured clock. Frames lost to an overrun or while the
+// device was re-opened come back as silence of their length, so the sound keeps its
+// place on the timeline. Used by the capture thread only.
+class BlockCutter
+{
+public:
+    BlockCutter(int frames, int channels, int rate)
+        : m_frames(frames), m_channels(channels), m_rate(rate), m_clock(rate) {}
+
+    // `got` frames read; the read completed at steady time `t` (seconds).
+    void addRead(const int16_t *data, long got, double t)
+    {
+        if (m_gapFrom >= 0) {
+            // The first frame after the gap was captured `got` frames before now.
+            const double firstAt = t - double(got) / m_rate;
+            const long lost = std::max(0L, std::lround((firstAt - m_gapFrom) * m_rate
+                                                        * m_clock.rateRatio()));
+            m_pending.insert(m_pending.end(), size_t(lost) * m_channels, 0);
+            m_total += lost;
+            m_lostFrames += lost;
+            m_gapFrom = -1;
+        }
+        m_pending.insert(m_pending.end(), data, data + got * m_channels);
+        m_total += got;
+        m_clock.add(t, m_total);
+    }
+    // The device stopped delivering (an overrun, or it is re-opened): sound resumes later.
+    void beginGap(bool newDevice)
+    {
+        m_gapFrom = m_clock.timeOfFrame(m_total);
+        if (newDevice)
+            m_clock.reset(); // another device, another crystal
+    }
+    bool hasBlock() const { return m_pending.size() >= size_t(m_frames) * m_channels; }
+    // The oldest whole block; hasBlock() must hold.
+    AudioBlock takeBlock()
+    {
+        AudioBlock block;
+        const size_t n = size_t(m_frames) * m_channels;
+        block.samples.assign(m_pending.begin(), m_pending.begin() + n);
+        m_pending.erase(m_pending.begin(), m_pending.begin() + n);
+        block.frames = m_frames;
+        block.channels = m_channels;
+        block.rate = m_rate;
+        const int64_t first = m_total - int64_t(m_pending.size() / m_channels) - m_frames;
+        block.captureTime = m_clock.timeOfFrame(first);
+        block.rateRatio = m_clock.rateRatio();
+        return block;
+    }
+    long lostFrames() const { return m_lostFrames; }
+
+private:
+    const int m_frames;             // per block
+    const int m_channels;
+    const int m_rate;               // Hz, nominal
+    CardClockEstimator m_clock;     // the card's frames against the steady clock
+    std::vector<int16_t> m_pending; // frames not yet in a block, interleaved
+    int64_t m_total = 0;            // frames of this capture, silence included
+    double m_gapFrom = -1;          // steady time the frame after a gap was due; -1: no gap
+    long m_lostFrames = 0;          // frames filled with silence
+};
+
+} // namespace
+
+// The stream stopped (an overrun): prepares and starts it again; false when it cannot.
+static bool restartDevice(snd_pcm_t *pcm)
+{
+    const int err = snd_pcm_prepare(pcm);
+    if (err < 0) {
+        printf("无法使用音频接口 (%s)\n", snd_strerror(err));
+        return false;
+    }
+    return snd_pcm_start(pcm) >= 0;
+}
+
 void AudiocaptureThread::capture()
 {
-    const int sampleBytes = snd_pcm_format_width(static_cast<snd_pcm_format_t>(d->pcmFormat)) / 8;
     printf("%s\n", kSeparator);
     fflush(stdout);
     // A recording stopped before its first frame never calls startRecord: stop ends the wait.
-    while (!d->bRecord && d->bRun)
-        QThread::usleep(kRecordPollUs);
+    waitForRecord();
 
     const int frames = d->frameSize;
     const int channels = d->audioChannel;
     const int rate = d->sampleRate;
-    const size_t blockBytes = static_cast<size_t>(sampleBytes) * frames * channels;
-    unsigned char *captureBuffer = nullptr;
-    if (d->bRun && frames > 0 && d->pcmHandle) {
-        captureBuffer = static_cast<unsigned char *>(malloc(blockBytes));
-        if (!captureBuffer)
-            puts("缓冲区分配错误.");
-        else
-            printf("开始采集音频数据:%zu\n", blockBytes);
+    const size_t blockBytes = sizeof(int16_t) * size_t(frames) * channels;
+    std::vector<int16_t> readBuffer;
+    bool capturing = d->bRun && frames > 0 && d->pcmHandle;
+    if (capturing) {
+        readBuffer.resize(size_t(frames) * channels);
+        printf("开始采集音频数据:%zu\n", blockBytes);
         fflush(stdout);
+        capturing = startDevice(d->pcmHandle) >= 0;
     }
 
-    while (captureBuffer && d->bRun) {
-        const snd_pcm_sframes_t got = snd_pcm_readi(d->pcmHandle, captureBuffer, frames);
-        if (got == frames) {
-            if (d->bPause)
-                continue;
-            auto *block = static_cast<unsigned char *>(malloc(blockBytes));
-            if (!block) {
-                puts("缓冲区分配错误.");
-                break;
+    BlockCutter cutter(frames, std::max(channels, 1), std::max(rate, 1));
+    // A block that ends more than half a block after the stop is not part of the recording.
+    const double halfBlock = 0.5 * frames / std::max(rate, 1);
+    bool continues = false; // the next block follows the last one handed on
+    int overruns = 0;
+    while (capturing && d->bRun) {
+        const long got = readSome(readBuffer.data(), frames);
+        if (got > 0) {
+            cutter.addRead(readBuffer.data(), got, steadySeconds());
+            while (cutter.hasBlock()) {
+                AudioBlock block = cutter.takeBlock();
+                const double stopAt = d->stopAtNs.load() / 1e9;
+                if (block.captureTime + double(frames) / rate - halfBlock > stopAt) {
+                    capturing = false;
+                    break;
+                }
+                if (d->bPause) {
+                    continues = false; // paused time is not recorded
+                    continue;
+                }
+                block.continues = continues;
+                continues = true;
+                d->encode->addAudio(std::move(block));
             }
-            memcpy(block, captureBuffer, blockBytes);
-            d->encode->addAudio(block);
             continue;
         }
-        // A short or failed read hands nothing on: the encoder takes whole blocks only.
+        if (got == kReadStopped)
+            break;
         printf("从音频接口读取失败(%s)\n", snd_strerror(static_cast<int>(got)));
         fflush(stdout);
+        if (got == -EPIPE && restartDevice(d->pcmHandle)) {
+            // The card's buffer ran full: the sound lost meanwhile becomes silence.
+            ++overruns;
+            cutter.beginGap(false);
+            continue;
+        }
         snd_pcm_close(d->pcmHandle);
         d->pcmHandle = nullptr;
-        if (!d->bRun || !reopen())
+        cutter.beginGap(true);
+        if (!d->bRun || !reopen() || startDevice(d->pcmHandle) < 0)
             break;
         // The encoder was set up for the first device's layout: a device that came back
         // with another one would hand it blocks it would misread, so capture ends.
@@ -399,8 +611,16 @@ void AudiocaptureThread::capture()
         snd_pcm_close(d->pcmHandle);
         d->pcmHandle = nullptr;
     }
-    free(captureBuffer);
+    if (cutter.lostFrames() > 0)
+        qWarning().noquote() << QStringLiteral("%1 ms of sound lost (%2 overruns): filled with "
+                                               "silence")
+                                    .arg(cutter.lostFrames() * 1000 / std::max(rate, 1))
+                                    .arg(overruns);
+    if (d->bRun && d->bRecord)
+        qDebug() << "the microphone stopped delivering: recording goes on without sound";
     d->bOver = true;
+    // The writer stops keeping a place for sound that will not come.
+    d->encode->endAudio();
     printf("AudiocaptureThread over\n");
     fflush(stdout);
 }

@@ -3,6 +3,8 @@
 
 #include <QString>
 #include <QThread>
+#include <cstdint>
+#include <functional>
 
 class FFmpegEncode;
 class AudiocaptureThreadPrivate;
@@ -19,6 +21,9 @@ public:
     ~AudiocaptureThread() override;
 
     bool open();
+    // The same, giving up between the retries of a busy device once `stopRequested`
+    // answers true (looked at least every kStopCheckMs).
+    bool open(const std::function<bool()> &stopRequested);
     QString snd_card_find(QString name);
 
     void startThread();
@@ -39,6 +44,8 @@ protected:
 
 private:
     void capture();
+    bool waitForRecord();
+    long readSome(int16_t *buffer, long maxFrames);
     bool reopen();
 
     AudiocaptureThreadPrivate *d;

@@ -1,17 +1,20 @@
 // Records through the built plugin as a host does (synthetic 30 fps camera, simulated
 // microphone) and prints what a user pays and gets: CPU seconds per recorded second,
-// peak memory, frames in the file against wall time x fps, the audio/video duration gap,
-// and the same CPU figure for the ffmpeg command line encoding the same frames with the
-// same settings, measured in the same run.
+// peak memory, the most frames ever queued, frames in the file against wall time x fps,
+// the audio/video duration gap, and the same CPU and peak memory for the ffmpeg command
+// line encoding the same frames with the same settings, measured in the same run. Then,
+// per size, the stop latency (stopRecord until isRecording() is false) over a series of
+// short recordings, and once, the total time of back-to-back start/stop cycles.
 //
 // usage: session_bench [--seconds N] [--sizes 1280x720,1920x1080] [--fps N] [--bitrate N]
-//                      [--no-reference] [--plugin PATH]
+//                      [--stops N] [--cycles N] [--no-reference] [--plugin PATH]
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QRegularExpression>
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -27,6 +30,7 @@
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
 #include "support/qtmessages.h"
+#include "support/testcameras.h"
 #include "support/testutil.h"
 #include "syntheticcamera.h"
 
@@ -40,45 +44,20 @@ struct Options {
     int fps = 30;
     unsigned bitrate = 2000000;
     bool reference = true;
+    int stops = 20;      // short recordings whose stop latency is measured, per size
+    int cycles = 200;    // start/stop cycles timed in all
     QString plugin = QStringLiteral(RECORDER_PLUGIN_PATH);
 };
+
+// Length of each recording whose stop is timed.
+constexpr std::chrono::milliseconds kStopRecordingLength{1500};
 
 // Bounds of the options' values.
 constexpr double kMinSeconds = 0.1;
 constexpr double kMaxSeconds = 86400;
 constexpr int kMaxFps = 240;
 constexpr long long kMaxBitrate = 200000000; // bit/s
-
-// A 30 fps camera that cycles through pre-rendered frames, so that drawing the pattern
-// costs nothing during the measurement; paced on a steady-clock schedule.
-class PrerenderedCamera : public PluginComponent
-{
-public:
-    PrerenderedCamera(int w, int h, int fps) : m_period(std::chrono::nanoseconds(1000000000LL / fps))
-    {
-        for (int i = 0; i < kFrames; ++i)
-            m_frames.push_back(SyntheticCamera::makeFrame(w, h, i, i * 1000 / fps));
-    }
-    static constexpr int kFrames = 30;
-    void beginUse() override {}
-    bool getFrame(cv::Mat &frame) override
-    {
-        if (m_next == 0)
-            m_start = Clock::now();
-        std::this_thread::sleep_until(m_start + m_period * m_next);
-        frame = m_frames[m_next % kFrames];
-        ++m_next;
-        return true;
-    }
-    void endUse() override {}
-    const std::vector<cv::Mat> &frames() const { return m_frames; }
-
-private:
-    const Clock::duration m_period;
-    Clock::time_point m_start;
-    long m_next = 0;
-    std::vector<cv::Mat> m_frames;
-};
+constexpr long long kMaxRuns = 100000;
 
 double cpuSeconds(int who)
 {
@@ -87,11 +66,73 @@ double cpuSeconds(int who)
     return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
 }
 
-long peakKiB()
+long peakKiB(int who = RUSAGE_SELF)
 {
     rusage u{};
-    getrusage(RUSAGE_SELF, &u);
+    getrusage(who, &u);
     return u.ru_maxrss;
+}
+
+// Median and largest of `values` (sorted in place).
+std::pair<double, double> medianAndMax(std::vector<double> &values)
+{
+    std::sort(values.begin(), values.end());
+    const size_t n = values.size();
+    const double median = n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+    return {median, values.back()};
+}
+
+// Times `count` stops of short recordings: from stopRecord until isRecording() is false.
+// Empty when a recording did not start.
+std::vector<double> stopLatenciesMs(LoadedRecorder &rec, int count)
+{
+    std::vector<double> ms;
+    testutil::captureStdout([&] {
+        for (int i = 0; i < count; ++i) {
+            rec->startRecord();
+            if (!rec->waitForRecordStart(20000)) {
+                ms.clear();
+                return;
+            }
+            std::this_thread::sleep_for(kStopRecordingLength);
+            const auto t0 = Clock::now();
+            rec->stopRecord();
+            while (rec->isRecording())
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            ms.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+            rec.waitSessionEnd(std::chrono::minutes(1));
+        }
+    });
+    return ms;
+}
+
+// Seconds that `count` start/stop cycles of a small video recording take; -1 on failure.
+double cyclesSeconds(const Options &o, int count)
+{
+    int argc = 1;
+    char name[] = "session_bench";
+    char *argv[] = {name, nullptr};
+    QCoreApplication app(argc, argv);
+    QTemporaryDir dir;
+    LoadedRecorder rec(o.plugin);
+    if (!rec.loaded())
+        return -1;
+    SolidCamera camera(64, 48, cv::Scalar(20, 120, 220));
+    rec->setHasAudio(false);
+    rec->vSetRecSize(64, 48);
+    rec->setFps(20);
+    rec->setPluginComponent(&camera);
+    rec->setFilename(dir.filePath("cycle.mp4"));
+    bool ok = true;
+    const auto t0 = Clock::now();
+    testutil::captureStdout([&] {
+        for (int i = 0; i < count && ok; ++i) {
+            rec->startRecord();
+            ok = rec->waitForRecordStart(30000);
+            ok = rec.stopAndWait(std::chrono::seconds(60)) && ok;
+        }
+    });
+    return ok ? std::chrono::duration<double>(Clock::now() - t0).count() : -1;
 }
 
 // Encodes `count` frames of the camera's cycle plus a sine track with the ffmpeg command
@@ -167,14 +208,19 @@ int runOne(const Options &o, int w, int h)
     const long frames = f.video() ? long(f.video()->packetPts.size()) : 0;
     const double videoSeconds = double(frames) / o.fps;
     const double audioSeconds = f.audioSeconds();
-    long madeUp = -1, notMadeUp = -1;
+    long madeUp = -1, notMadeUp = -1, peakQueued = -1, dropped = 0;
     const QRegularExpression stalls(QStringLiteral("(\\d+) frames made up after stalls, (\\d+) not"));
+    const QRegularExpression queued(QStringLiteral("at most (\\d+) video frames"));
+    const QRegularExpression drops(QStringLiteral("(\\d+) video frames dropped"));
     for (const QString &m : log.messages()) {
-        const auto match = stalls.match(m);
-        if (match.hasMatch()) {
+        if (const auto match = stalls.match(m); match.hasMatch()) {
             madeUp = match.captured(1).toLong();
             notMadeUp = match.captured(2).toLong();
         }
+        if (const auto match = queued.match(m); match.hasMatch())
+            peakQueued = match.captured(1).toLong();
+        if (const auto match = drops.match(m); match.hasMatch())
+            dropped = match.captured(1).toLong();
     }
 
     std::printf("%dx%d@%d, %.1f s recorded (wall), %u bit/s\n", w, h, o.fps, wall, o.bitrate);
@@ -186,9 +232,12 @@ int runOne(const Options &o, int w, int h)
     std::printf("  |video - audio|        %.1f ms\n", 1000.0 * std::fabs(videoSeconds - audioSeconds));
     if (madeUp >= 0)
         std::printf("  frames made up after stalls %ld, not made up %ld\n", madeUp, notMadeUp);
+    std::printf("  peak queued frames     %ld  (%ld dropped)\n", peakQueued, dropped);
     std::printf("  plugin CPU             %.3f s per recorded second (%.1f s in all)\n", cpu / wall,
                 cpu);
-    std::printf("  peak resident memory   %.1f MiB\n", peak / 1024.0);
+    const double cameraMiB = PrerenderedCamera::kFrames * double(w) * h * 3 / (1024 * 1024);
+    std::printf("  peak resident memory   %.1f MiB  (%.1f MiB of it the camera's own frames)\n",
+                peak / 1024.0, cameraMiB);
     if (o.reference) {
         const double ref = referenceCpu(camera, w, h, o.fps, o.bitrate, frames, videoSeconds,
                                         dir.filePath("ref.mp4").toStdString());
@@ -196,9 +245,23 @@ int runOne(const Options &o, int w, int h)
             std::printf("  ffmpeg CLI CPU         %.3f s per second of content (%.1f s in all)\n",
                         ref / videoSeconds, ref);
             std::printf("  ratio plugin / ffmpeg  %.2f\n", (cpu / wall) / (ref / videoSeconds));
+            const long refPeak = peakKiB(RUSAGE_CHILDREN);
+            std::printf("  ffmpeg CLI peak memory %.1f MiB  (plugin %+.1f MiB)\n", refPeak / 1024.0,
+                        (peak - refPeak) / 1024.0);
         } else {
             std::printf("  ffmpeg CLI reference failed\n");
         }
+    }
+    if (o.stops > 0) {
+        std::vector<double> ms = stopLatenciesMs(rec, o.stops);
+        if (ms.empty()) {
+            std::printf("  stop latency           a recording did not start\n");
+            return 1;
+        }
+        const auto [median, worst] = medianAndMax(ms);
+        std::printf("  stop latency           median %.0f ms, max %.0f ms over %d stops of %.1f s "
+                    "recordings\n",
+                    median, worst, o.stops, kStopRecordingLength.count() / 1000.0);
     }
     std::fflush(stdout);
     return 0;
@@ -216,6 +279,10 @@ Options parseOptions()
          QStringLiteral("N")},
         {QStringLiteral("bitrate"), QStringLiteral("Video bit rate in bit/s (2000000)."),
          QStringLiteral("N")},
+        {QStringLiteral("stops"), QStringLiteral("Stops timed per size (20; 0: none)."),
+         QStringLiteral("N")},
+        {QStringLiteral("cycles"), QStringLiteral("Start/stop cycles timed (200; 0: none)."),
+         QStringLiteral("N")},
         {QStringLiteral("no-reference"), QStringLiteral("Skip the ffmpeg command line run.")},
         {QStringLiteral("plugin"), QStringLiteral("The plugin library to load."),
          QStringLiteral("PATH")},
@@ -227,6 +294,8 @@ Options parseOptions()
     commandline::readSizes(p, QStringLiteral("sizes"), o.sizes);
     commandline::readInteger(p, QStringLiteral("fps"), o.fps, 1, kMaxFps);
     commandline::readInteger(p, QStringLiteral("bitrate"), o.bitrate, 1, kMaxBitrate);
+    commandline::readInteger(p, QStringLiteral("stops"), o.stops, 0, kMaxRuns);
+    commandline::readInteger(p, QStringLiteral("cycles"), o.cycles, 0, kMaxRuns);
     o.reference = !p.isSet(QStringLiteral("no-reference"));
     if (p.isSet(QStringLiteral("plugin")))
         o.plugin = p.value(QStringLiteral("plugin"));
@@ -249,6 +318,25 @@ int main(int argc, char **argv)
         const pid_t child = fork();
         if (child == 0)
             _exit(runOne(o, w, h));
+        int status = 0;
+        waitpid(child, &status, 0);
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+            ++failures;
+    }
+    if (o.cycles > 0) {
+        std::fflush(stdout);
+        const pid_t child = fork();
+        if (child == 0) {
+            const double seconds = cyclesSeconds(o, o.cycles);
+            if (seconds < 0) {
+                std::printf("cycles: a recording did not start or stop\n");
+                _exit(1);
+            }
+            std::printf("%d start/stop cycles (64x48 video only): %.1f s in all, %.0f ms each\n",
+                        o.cycles, seconds, 1000.0 * seconds / o.cycles);
+            std::fflush(stdout);
+            _exit(0);
+        }
         int status = 0;
         waitpid(child, &status, 0);
         if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)

@@ -5,9 +5,12 @@
 //   heavy   one recording of noise frames the encoder struggles with: peak queued frames,
 //           resident size growth per minute, time to drain after stop, and whether the
 //           file holds every frame and the sound.
+//   lipsync one recording of a camera that flashes while the card, its clock off by --ppm,
+//           beeps at the same instants: the offset of flash and beep in the file, minute
+//           by minute.
 //
-// usage: soak_bench [--minutes N] [--mode cycles|heavy|both] [--size WxH] [--bitrate N]
-//                   [--plugin PATH]
+// usage: soak_bench [--minutes N] [--mode cycles|heavy|both|lipsync] [--size WxH]
+//                   [--bitrate N] [--ppm N] [--plugin PATH]
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QStringList>
@@ -20,7 +23,9 @@
 
 #include "commandline.h"
 #include "simulatedmic.h"
+#include "fakealsa.h"
 #include "support/heavyrecording.h"
+#include "support/lipsync.h"
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
 #include "support/testcameras.h"
@@ -34,6 +39,8 @@ struct Options {
     double minutes = 10;
     bool cycles = true;
     bool heavy = true;
+    bool lipsync = false;
+    double ppm = 300;           // the lip-sync run's card clock error
     int width = 1280;
     int height = 720;
     unsigned bitrate = 4000000; // bits per second of the heavy recording
@@ -131,10 +138,84 @@ int soakHeavy(const Options &o, const std::string &file)
                 r.wallSeconds, r.peakQueuedFrames, r.peakQueuedMiB, r.framesNotMadeUp,
                 r.rssGrowthMiBPerMinute(),
                 r.peakRssKiB / 1024.0, r.drainSeconds);
+    const double video = f.video()->durationSeconds(), audio = f.audio()->durationSeconds();
     std::printf("heavy: file video %.3f s (%+.2f%% of wall), audio %.3f s, |video - audio| "
-                "%.1f ms\n",
-                f.videoSeconds(), 100.0 * (f.videoSeconds() - r.wallSeconds) / r.wallSeconds,
-                f.audioSeconds(), 1000.0 * std::fabs(f.videoSeconds() - f.audioSeconds()));
+                "%.1f ms, %ld frames dropped\n",
+                video, 100.0 * (video - r.wallSeconds) / r.wallSeconds, audio,
+                1000.0 * std::fabs(video - audio), r.framesDropped);
+    return 0;
+}
+
+int soakLipSync(const Options &o, const std::string &file)
+{
+    constexpr int kFps = 30;
+    constexpr auto kFlashEvery = std::chrono::milliseconds(2000);
+    LoadedRecorder rec(o.plugin);
+    if (!rec.loaded()) {
+        std::fprintf(stderr, "cannot load the plugin: %s\n", qPrintable(rec.error()));
+        return 1;
+    }
+    const auto epoch = Clock::now() + std::chrono::seconds(1);
+    fakealsa::reset();
+    fakealsa::Capture c;
+    c.ppm = o.ppm;
+    c.channels = {1};
+    fakealsa::addCard("KW-08P USBCamera", {}, c);
+    fakealsa::Beeps beeps;
+    beeps.epoch = epoch;
+    beeps.periodMs = kFlashEvery.count();
+    fakealsa::setBeeps(beeps);
+    FlashCamera camera(o.width, o.height, kFps, epoch, kFlashEvery);
+    rec->setHasAudio(true);
+    rec->vSetRecSize(o.width, o.height);
+    rec->setFps(kFps);
+    rec->setVideoBitrate(o.bitrate);
+    rec->setPluginComponent(&camera);
+    rec->setFilename(QString::fromStdString(file));
+    std::printf("lipsync: %dx%d@%d, card clock %+.0f ppm, a flash and a beep every %.0f s, for "
+                "%.1f min\n",
+                o.width, o.height, kFps, o.ppm, kFlashEvery.count() / 1000.0, o.minutes);
+    std::fflush(stdout);
+    bool ok = false;
+    testutil::captureStdout([&] {
+        rec->startRecord();
+        if (!rec->waitForRecordStart(30000))
+            return;
+        std::this_thread::sleep_for(std::chrono::duration<double, std::ratio<60>>(o.minutes));
+        ok = rec.stopAndWait(std::chrono::minutes(5));
+    });
+    MediaFile f;
+    std::string err;
+    if (!ok || !readMediaFile(file, f, &err, true, false)) {
+        std::printf("lipsync: no readable recording %s\n", err.c_str());
+        return 1;
+    }
+    const std::vector<double> flashes = flashTimes(f);
+    const std::vector<double> offsets = pairOffsets(flashes, beepOnsets(f), 0.5);
+    if (offsets.empty()) {
+        std::printf("lipsync: no flash came with a beep\n");
+        return 1;
+    }
+    // Every minute: the first pair in it.
+    int minute = -1;
+    size_t pair = 0;
+    double worst = 0;
+    for (double flash : flashes) {
+        if (pair >= offsets.size())
+            break;
+        const int m = int(flash / 60);
+        if (m != minute) {
+            minute = m;
+            std::printf("  minute %3d  offset %+6.1f ms\n", m, 1000 * offsets[pair]);
+        }
+        if (std::fabs(offsets[pair]) > std::fabs(worst))
+            worst = offsets[pair];
+        ++pair;
+    }
+    std::printf("lipsync: %zu pairs; offset (flash - beep) first %+.1f ms, worst %+.1f ms, last "
+                "%+.1f ms; one frame is %.1f ms\n",
+                offsets.size(), 1000 * offsets.front(), 1000 * worst, 1000 * offsets.back(),
+                1000.0 / kFps);
     return 0;
 }
 
@@ -143,8 +224,11 @@ Options parseOptions()
     QCommandLineParser p;
     p.addOptions({
         {QStringLiteral("minutes"), QStringLiteral("Minutes of each run (10)."), QStringLiteral("N")},
-        {QStringLiteral("mode"), QStringLiteral("Which runs: cycles, heavy or both (both)."),
+        {QStringLiteral("mode"),
+         QStringLiteral("Which runs: cycles, heavy, both, or lipsync (both)."),
          QStringLiteral("MODE")},
+        {QStringLiteral("ppm"), QStringLiteral("Card clock error of the lipsync run (300)."),
+         QStringLiteral("N")},
         {QStringLiteral("size"), QStringLiteral("Size of the heavy recording (1280x720)."),
          QStringLiteral("WxH")},
         {QStringLiteral("bitrate"),
@@ -160,9 +244,11 @@ Options parseOptions()
     QString mode = QStringLiteral("both");
     commandline::readChoice(p, QStringLiteral("mode"), mode,
                             {QStringLiteral("cycles"), QStringLiteral("heavy"),
-                             QStringLiteral("both")});
-    o.cycles = mode != QStringLiteral("heavy");
-    o.heavy = mode != QStringLiteral("cycles");
+                             QStringLiteral("both"), QStringLiteral("lipsync")});
+    o.lipsync = mode == QStringLiteral("lipsync");
+    o.cycles = mode == QStringLiteral("cycles") || mode == QStringLiteral("both");
+    o.heavy = mode == QStringLiteral("heavy") || mode == QStringLiteral("both");
+    commandline::readNumber(p, QStringLiteral("ppm"), o.ppm, -5000, 5000);
     commandline::Size size{o.width, o.height};
     commandline::readSize(p, QStringLiteral("size"), size);
     o.width = size.first;
@@ -185,5 +271,7 @@ int main(int argc, char **argv)
         failures += soakCycles(o, dir.file("cycles.mp4"));
     if (o.heavy)
         failures += soakHeavy(o, dir.file("heavy.mp4"));
+    if (o.lipsync)
+        failures += soakLipSync(o, dir.file("lipsync.mp4"));
     return failures ? 1 : 0;
 }

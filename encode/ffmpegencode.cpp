@@ -8,13 +8,7 @@
 #include <cstdlib>
 
 #include "media/ffmpegapi.h"
-
-namespace {
-
-// Longest single wait for a hand-over; the run flag is looked at least this often.
-constexpr std::chrono::milliseconds kQueueWait{100};
-
-} // namespace
+#include "soundtimeline.h"
 
 FFmpegEncode::FFmpegEncode(QObject *parent)
     : QThread(parent)
@@ -24,10 +18,23 @@ FFmpegEncode::FFmpegEncode(QObject *parent)
 FFmpegEncode::~FFmpegEncode()
 {
     // The thread may still be draining: let it finish the file, then free what is left.
-    m_isRun.store(false);
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        m_isRun = false;
+    }
     queueCondition.notify_all();
     exit.join(this);
     freeQueued();
+}
+
+// Publishes a new state and wakes whoever waits for one.
+void FFmpegEncode::setState(int state)
+{
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        m_state.store(state, std::memory_order_release);
+    }
+    queueCondition.notify_all();
 }
 
 void FFmpegEncode::setIsOver(bool v)
@@ -40,7 +47,11 @@ void FFmpegEncode::setIsOver(bool v)
 
 void FFmpegEncode::setRun(bool run)
 {
-    m_isRun.store(run);
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        m_isRun = run;
+    }
+    queueCondition.notify_all();
     if (!run)
         return;
     exit.reset();
@@ -54,6 +65,26 @@ void FFmpegEncode::startEncode()
     startTime = QDateTime::currentMSecsSinceEpoch();
 }
 
+bool FFmpegEncode::waitForOpen()
+{
+    std::unique_lock<std::mutex> lock(queueMutex);
+    queueCondition.wait(lock, [&] { return m_state.load(std::memory_order_acquire) != 0; });
+    return !(m_state.load(std::memory_order_acquire) & kFailed);
+}
+
+bool FFmpegEncode::waitForAudio(std::chrono::milliseconds timeout)
+{
+    std::unique_lock<std::mutex> lock(queueMutex);
+    return queueCondition.wait_for(lock, timeout,
+                                   [&] { return audioBlocksQueued > 0 || m_audioEnded; });
+}
+
+void FFmpegEncode::finish()
+{
+    setRun(false);
+    exit.join(this);
+}
+
 void FFmpegEncode::addVideo(cv::Mat &frame)
 {
     addVideo(frame, 1);
@@ -61,32 +92,88 @@ void FFmpegEncode::addVideo(cv::Mat &frame)
 
 void FFmpegEncode::addVideo(cv::Mat &frame, int times)
 {
-    if (times <= 0)
+    int64_t pts;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        pts = nextVideoPts;
+    }
+    addVideo(frame, times, pts);
+}
+
+void FFmpegEncode::addVideo(cv::Mat &frame, int times, int64_t pts)
+{
+    if (times <= 0 || frame.empty())
         return;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        nextVideoPts = pts + times;
+        const int state = m_state.load(std::memory_order_relaxed);
+        if (((state & kOpen) && !m_recVideo) || (state & (kFailed | kOver)))
+            return; // nothing will write it
+    }
     // The copy is private until queued: made outside the lock, it keeps the writer and
     // the capture thread from waiting while megabytes of pixels move.
     cv::Mat copy;
     frame.copyTo(copy);
+    const size_t bytes = copy.total() * copy.elemSize();
+    const int maxFrames = recordingFps(m_fps);
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         // Repeats sit next to each other in the queue: the writer only reads them.
         for (int i = 0; i < times; ++i)
-            videoList.append(copy);
-        videoQueuedBytes += copy.total() * copy.elemSize();
+            videoList.append(QueuedFrame{copy, pts + i});
+        videoQueuedBytes += bytes;
+        // Over the bounds, the frames just before the newest go: the newest is kept, so
+        // that the picture ends when the recording does, whatever was dropped on the way.
+        while (videoList.size() > 1
+               && (videoList.size() > maxFrames || videoQueuedBytes > kMaxQueuedVideoBytes)) {
+            const int victim = videoList.size() - 2;
+            const uchar *pixels = videoList[victim].picture.data;
+            const bool shared = videoList[victim + 1].picture.data == pixels
+                || (victim > 0 && videoList[victim - 1].picture.data == pixels);
+            if (!shared)
+                videoQueuedBytes -= videoList[victim].picture.total() * videoList[victim].picture.elemSize();
+            videoList.removeAt(victim);
+            ++droppedVideo;
+        }
         peakVideoQueued = std::max(peakVideoQueued, int(videoList.size()));
         peakVideoQueuedBytes = std::max(peakVideoQueuedBytes, videoQueuedBytes);
     }
-    queueCondition.notify_one();
+    queueCondition.notify_all();
 }
 
-void FFmpegEncode::addAudio(unsigned char *block)
+void FFmpegEncode::addAudio(AudioBlock block)
 {
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        audioList.append(block);
+        const int state = m_state.load(std::memory_order_relaxed);
+        const bool noStream = (state & kOpen) && !m_recAudio;
+        if (noStream || (state & (kFailed | kOver)))
+            return; // a file without sound, or no file at all: nothing will write it
+        audioList.append(std::move(block));
+        ++audioBlocksQueued;
         peakAudioQueued = std::max(peakAudioQueued, int(audioList.size()));
     }
-    queueCondition.notify_one();
+    queueCondition.notify_all();
+}
+
+void FFmpegEncode::setTimelineOrigin(std::chrono::steady_clock::time_point origin)
+{
+    m_originNs = std::chrono::duration_cast<std::chrono::nanoseconds>(origin.time_since_epoch()).count();
+}
+
+std::chrono::steady_clock::time_point FFmpegEncode::timelineOrigin() const
+{
+    return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(m_originNs.load()));
+}
+
+void FFmpegEncode::endAudio()
+{
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        m_audioEnded = true;
+    }
+    queueCondition.notify_all();
 }
 
 int FFmpegEncode::audioQueueCount()
@@ -107,6 +194,12 @@ int FFmpegEncode::peakVideoQueueCount()
     return peakVideoQueued;
 }
 
+long FFmpegEncode::droppedVideoFrames()
+{
+    std::lock_guard<std::mutex> lock(queueMutex);
+    return droppedVideo;
+}
+
 // How far the queues grew tells whether the writer kept up with the camera and the card.
 void FFmpegEncode::logPeakQueues()
 {
@@ -116,13 +209,15 @@ void FFmpegEncode::logPeakQueues()
                               .arg(peakVideoQueued)
                               .arg(double(peakVideoQueuedBytes) / (1024 * 1024), 0, 'f', 1)
                               .arg(peakAudioQueued);
+    if (droppedVideo > 0)
+        qWarning().noquote() << QStringLiteral("%1 video frames dropped: the encoder could not "
+                                               "keep up")
+                                    .arg(droppedVideo);
 }
 
 void FFmpegEncode::freeQueued()
 {
     std::lock_guard<std::mutex> lock(queueMutex);
-    for (unsigned char *block : audioList)
-        free(block);
     audioList.clear();
     videoList.clear();
     videoQueuedBytes = 0;
@@ -139,23 +234,32 @@ void FFmpegEncode::encode()
     FFmpegApi writer;
     writer.setHasVideo(m_recVideo);
     writer.setHasAudio(m_recAudio);
+    // Picture and sound in step for hours: the sound follows the steady clock that times
+    // the picture, by resampling (a pitch change far below hearing), not by timestamps.
+    writer.setDriftCorrection(m_recVideo && m_recAudio);
     QByteArray path = m_videoPath.toUtf8();
     if (writer.open(path.data(), static_cast<int>(m_videoBitrate), static_cast<int>(m_fps),
                     static_cast<int>(m_width), static_cast<int>(m_height),
                     static_cast<int>(m_audioChannel), static_cast<int>(m_audioSampleRate))
         != 0) {
         // Made visible so that nobody waits for an open that will never come.
-        m_state.store(kFailed, std::memory_order_release);
+        setState(kFailed);
+        freeQueued();
         return;
     }
-    // The block size first: a reader that sees the output open reads it next.
+    // What the container could hold, and the block size, before anyone sees it open.
+    const bool audioOnly = !m_recVideo && m_recAudio;
+    m_recVideo = writer.hasVideo();
+    m_recAudio = writer.hasAudio();
     m_audioFrameSize.store(writer.audioFrameSize(), std::memory_order_relaxed);
-    m_state.store(kOpen, std::memory_order_release);
+    setState(kOpen);
 
-    if (!m_recVideo && m_recAudio) {
-        audioOnly(writer);
-    } else {
-        interleave(writer);
+    SoundTimeline timeline(static_cast<int>(m_audioSampleRate));
+    timeline.setCorrecting(m_recVideo && m_recAudio);
+    if (m_originNs.load() != 0)
+        timeline.setOrigin(m_originNs.load() / 1e9);
+    writeQueued(writer, timeline);
+    if (!audioOnly) {
         puts("video writeer flush");
         fflush(stdout);
     }
@@ -167,82 +271,70 @@ void FFmpegEncode::encode()
         && !m_videoPath.contains(QLatin1String("://")) && !QFileInfo::exists(m_videoPath))
         qDebug().noquote() << QStringLiteral("record failed: the output file %1 no longer exists")
                                   .arg(m_videoPath);
-    m_state.store(kOver, std::memory_order_release);
+    freeQueued();
+    setState(kOver);
 }
 
 // Takes the oldest frame out of the queue and writes it with the queue open to producers.
 void FFmpegEncode::writeFirstVideo(std::unique_lock<std::mutex> &lock, FFmpegApi &writer)
 {
-    cv::Mat frame = videoList.takeFirst();
+    QueuedFrame item = videoList.takeFirst();
     // The pixels leave the queue with the last of the frames that share them.
-    if (videoList.isEmpty() || videoList.first().data != frame.data)
-        videoQueuedBytes -= frame.total() * frame.elemSize();
+    if (videoList.isEmpty() || videoList.first().picture.data != item.picture.data)
+        videoQueuedBytes -= item.picture.total() * item.picture.elemSize();
     lock.unlock();
-    writer.write_video(frame);
-    frame.release();
+    writer.write_video(item.picture, item.pts);
+    item.picture.release();
     lock.lock();
 }
 
-// Takes the oldest block out of the queue, writes it and frees it.
-void FFmpegEncode::writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi &writer)
+// Takes the oldest block out of the queue and writes it where the timeline puts it.
+void FFmpegEncode::writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi &writer,
+                                   SoundTimeline &timeline)
 {
-    unsigned char *block = audioList.takeFirst();
+    AudioBlock block = audioList.takeFirst();
+    // The origin is set before the capture starts, so the first block sees it.
+    if (m_originNs.load() != 0)
+        timeline.setOrigin(m_originNs.load() / 1e9);
     lock.unlock();
-    writer.write_audio(block);
-    free(block);
-    lock.lock();
-}
-
-void FFmpegEncode::interleave(FFmpegApi &writer)
-{
-    std::unique_lock<std::mutex> lock(queueMutex);
-    for (;;) {
-        if (m_isRun && (videoList.isEmpty() || audioList.isEmpty()))
-            queueCondition.wait_for(lock, kQueueWait);
-
-        const bool run = m_isRun;
-        if (!run && videoList.isEmpty()) {
-            if (audioList.isEmpty())
-                break;
-            writeFirstAudio(lock, writer);
-            continue;
-        }
-        // Without an audio stream (or once the sound is gone) video never waits for it.
-        const bool recVideo = m_recVideo, recAudio = m_recAudio;
-        if (recVideo && (!recAudio || writer.encodeVideo())) {
-            if (!videoList.isEmpty())
-                writeFirstVideo(lock, writer);
-            continue;
-        }
-        if (recAudio && !audioList.isEmpty()) {
-            writeFirstAudio(lock, writer);
-            continue;
-        }
-        if (!run) {
-            // Draining, audio is due but no more will come: the frames still queued are
-            // written rather than dropped, and nothing here waits on a lock for a change.
-            writeFirstVideo(lock, writer);
-            continue;
-        }
-        // Nothing due can be written yet: wait for a hand-over instead of spinning.
-        queueCondition.wait_for(lock, kQueueWait);
+    const SoundTimeline::Placement p = timeline.place(block, writer.audioSamplesOut());
+    if (p.leadSilence > 0) {
+        AudioBlock silence;
+        silence.frames = static_cast<int>(p.leadSilence);
+        silence.channels = block.channels;
+        silence.rate = block.rate;
+        silence.samples.assign(size_t(silence.frames) * block.channels, 0);
+        writer.write_audio(silence);
     }
-    lock.unlock();
+    if (p.skip >= block.frames) {
+        lock.lock();
+        return; // the picture began after this block ended
+    }
+    if (p.skip > 0) {
+        block.samples.erase(block.samples.begin(), block.samples.begin() + p.skip * block.channels);
+        block.frames -= static_cast<int>(p.skip);
+    }
+    writer.write_audio(block, p.compensation);
     lock.lock();
-    for (unsigned char *block : audioList)
-        free(block);
-    audioList.clear();
 }
 
-void FFmpegEncode::audioOnly(FFmpegApi &writer)
+// Writes whatever is queued as soon as it is queued, the earlier stream first, and waits
+// only when both queues are empty: one stream, or one that ended, never holds the other.
+// After setRun(false) it writes what is left and returns.
+void FFmpegEncode::writeQueued(FFmpegApi &writer, SoundTimeline &timeline)
 {
     std::unique_lock<std::mutex> lock(queueMutex);
     for (;;) {
-        while (audioList.isEmpty()) {
-            if (!m_isRun)
-                return;
-            queueCondition.wait_for(lock, kQueueWait);
-        }
-        writeFirstAudio(lock, writer);
+        queueCondition.wait(lock, [&] {
+            return !videoList.isEmpty() || !audioList.isEmpty() || !m_isRun;
+        });
+        if (videoList.isEmpty() && audioList.isEmpty())
+            return; // stopped and drained
+        const bool video = !videoList.isEmpty()
+            && (audioList.isEmpty() || writer.encodeVideo(videoList.first().pts));
+        if (video)
+            writeFirstVideo(lock, writer);
+        else
+            writeFirstAudio(lock, writer, timeline);
     }
 }

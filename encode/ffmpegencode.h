@@ -5,22 +5,32 @@
 #include <QString>
 #include <QThread>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <opencv2/core/mat.hpp>
 
+#include "media/audioblock.h"
 #include "media/threadexit.h"
 
 class FFmpegApi;
+class SoundTimeline;
 
-// The encoder thread of one recording: owns the media writer while it runs and drains
-// the video and audio queues into it in timestamp order.
+// The encoder thread of one recording: owns the media writer while it runs and writes
+// whatever is queued as soon as it can, the earlier of the two streams first.
 // The session thread constructs, sets, starts (setRun(true)), stops (setRun(false)),
-// polls and destroys it; the feeder calls addVideo, the capture thread addAudio.
+// waits for and destroys it; the feeder calls addVideo, the capture thread addAudio and
+// endAudio.
 class FFmpegEncode : public QThread
 {
     Q_OBJECT
 public:
+    // Most frames the video queue holds: one second of them, and at most this many bytes
+    // of pixels. Frames beyond are dropped (and counted) instead of eating the machine's
+    // memory when it cannot encode in real time.
+    static constexpr size_t kMaxQueuedVideoBytes = size_t(256) << 20;
+
     explicit FFmpegEncode(QObject *parent = nullptr);
     // Waits for the thread, then frees whatever is still queued.
     ~FFmpegEncode() override;
@@ -36,6 +46,8 @@ public:
     void setVideoBitrate(unsigned int v) { m_videoBitrate = v; }
     QString video_path() const { return m_videoPath; }
     void setVideo_path(const QString &path) { m_videoPath = path; }
+    // Whether the file has the stream: the session's wish before setRun(true), what the
+    // container could hold once the output is open.
     bool recVideo() const { return m_recVideo; }
     void setRecVideo(bool on) { m_recVideo = on; }
     bool recAudio() const { return m_recAudio; }
@@ -54,29 +66,53 @@ public:
     // Session thread.
     void setRun(bool run);
     void startEncode();
+    // Blocks until the output is open (true) or could not be opened (false).
+    bool waitForOpen();
+    // Tells the thread to write what is queued and finish the file, and waits until it has.
+    void finish();
+    // Blocks until an audio block is queued or the sound has ended (true), or `timeout`
+    // passed (false).
+    bool waitForAudio(std::chrono::milliseconds timeout);
 
-    // Producers, any thread.
-    void addVideo(cv::Mat &frame);          // copies the pixels
-    // Queues `times` frames with the same picture: one copy of the pixels, shared, so a
-    // feeder catching up after a stall costs no more than one frame.
+    // Producers, any thread. Frames carry their place on the timeline (pts, in frame
+    // periods): a frame dropped under overload leaves a gap, not a shift.
+    void addVideo(cv::Mat &frame);          // copies the pixels; pts follows the last one
+    // Queues `times` frames with the same picture, pts `pts` .. pts + times - 1: one copy
+    // of the pixels, shared, so a feeder catching up after a stall costs one frame.
+    void addVideo(cv::Mat &frame, int times, int64_t pts);
     void addVideo(cv::Mat &frame, int times);
-    void addAudio(unsigned char *block);    // takes ownership of a malloc'ed block
+    void addAudio(AudioBlock block);
+    // The session, before the feeder and the capture start: when the picture's frame 0 is
+    // due (steady clock). The sound is placed and kept against it.
+    void setTimelineOrigin(std::chrono::steady_clock::time_point origin);
+    // The feeder: the origin, or the epoch when none was set.
+    std::chrono::steady_clock::time_point timelineOrigin() const;
+    // The capture thread: no more sound will come (the microphone is gone or stopped).
+    void endAudio();
     int audioQueueCount();
     int videoQueueCount();
     // Most frames that waited in the video queue at once in this recording.
     int peakVideoQueueCount();
+    // Frames dropped because the queue was full.
+    long droppedVideoFrames();
 
 protected:
     void run() override;
 
 private:
+    struct QueuedFrame {
+        cv::Mat picture;   // shared by repeats of one picture
+        int64_t pts = 0;   // frame periods since the start of the recording
+    };
+
     void encode();
-    void interleave(FFmpegApi &writer);
-    void audioOnly(FFmpegApi &writer);
+    void writeQueued(FFmpegApi &writer, SoundTimeline &timeline);
     void writeFirstVideo(std::unique_lock<std::mutex> &lock, FFmpegApi &writer);
-    void writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi &writer);
+    void writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi &writer,
+                         SoundTimeline &timeline);
     void freeQueued();
     void logPeakQueues();
+    void setState(int state);
 
     // Bits of m_state.
     static constexpr int kOpen = 1;   // the writer has opened the output
@@ -94,21 +130,29 @@ private:
     unsigned int m_audioChannel = 1;         // channels in an audio block
     unsigned int m_audioSampleRate = 44100;  // Hz
 
-    // Cross-thread flags.
-    std::atomic<bool> m_isRun{false};        // keep waiting for queued items
     // kOpen / kOver / kFailed: one value, so "over and no longer open" is one store.
     std::atomic<int> m_state{0};
     std::atomic<int> m_audioFrameSize{1024}; // samples per channel per audio block
 
-    // Queues, both guarded by queueMutex.
+    // Shared by the encoder thread, the producers and the session; all guarded by
+    // queueMutex. queueCondition is signalled by every hand-over, by setRun(false), by
+    // endAudio and by every change of m_state.
     std::mutex queueMutex;
-    std::condition_variable queueCondition;  // one wake per hand-over
-    QList<cv::Mat> videoList;                // private copies, oldest first
-    QList<unsigned char *> audioList;        // owned blocks, oldest first
+    std::condition_variable queueCondition;
+    bool m_isRun = false;                    // keep waiting for more to write
+    bool m_audioEnded = false;               // no more audio blocks will come
+    long audioBlocksQueued = 0;              // blocks ever queued (a wait can miss none)
+    QList<QueuedFrame> videoList;            // oldest first
+    QList<AudioBlock> audioList;             // oldest first
+    int64_t nextVideoPts = 0;                // pts of a frame queued without one
     size_t videoQueuedBytes = 0;             // bytes of pixels in videoList, shared ones once
     int peakVideoQueued = 0;                 // frames: videoList's longest length so far
     int peakAudioQueued = 0;                 // blocks: audioList's longest length so far
     size_t peakVideoQueuedBytes = 0;         // bytes: videoQueuedBytes's largest value so far
+    long droppedVideo = 0;                   // frames not queued because the queue was full
+
+    // Steady clock, ns since its epoch: when the picture's frame 0 is due; 0 when unset.
+    std::atomic<int64_t> m_originNs{0};
 
     std::atomic<int> startCount{0};          // reset when encoding (re)starts
     std::atomic<qint64> startTime{0};        // ms since the epoch, when encoding (re)started

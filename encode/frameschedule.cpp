@@ -17,8 +17,10 @@ FrameSchedule::FrameSchedule(unsigned int fps)
 
 void FrameSchedule::restart(Clock::time_point now)
 {
+    m_runPts += m_next;
     m_t0 = now;
     m_next = 0;
+    m_takenFirst = 0;
 }
 
 FrameSchedule::Clock::time_point FrameSchedule::dueTime(int64_t k) const
@@ -43,6 +45,7 @@ int FrameSchedule::take(Clock::time_point now)
     const int64_t handed = std::min(backlog, cap);
     m_notMadeUp += backlog - handed;
     m_madeUp += handed - 1;
+    m_takenFirst = due - handed;
     m_next = due;
     return static_cast<int>(handed);
 }

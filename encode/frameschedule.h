@@ -8,7 +8,10 @@
 // frame k is due at t0 + k x (1 s / fps), computed from k each time so that no rounding
 // accumulates. A pass that comes late hands over every frame that has become due since
 // the last pass, so frames handed over always equal the whole periods elapsed; a backlog
-// longer than one second (the machine stalled) is made up to one second only.
+// longer than one second (the machine stalled) is made up to one second only, and the
+// rest is left as a gap on the timeline: the picture keeps true time either way.
+// Every frame has a pts (frame periods since the first run began): runs follow each
+// other without a gap, so paused time is not on the timeline.
 // Used by one thread (the feeder's).
 class FrameSchedule
 {
@@ -24,15 +27,17 @@ public:
     // time is neither recorded nor made up).
     void restart(Clock::time_point now);
     // Frames to hand over at `now`: all that have become due since the last call, at most
-    // one second's worth. Marks them as handed over.
+    // one second's worth (the latest ones). Marks them as handed over.
     int take(Clock::time_point now);
+    // pts of the first of the frames the last take() returned.
+    int64_t takenPts() const { return m_runPts + m_takenFirst; }
     // When the next frame is due.
     Clock::time_point nextDue() const;
 
     unsigned int fps() const { return m_fps; }
     // Frames handed over beyond one per pass: late passes that caught up.
     int64_t madeUp() const { return m_madeUp; }
-    // Frames of a backlog over one second that were dropped, not made up.
+    // Frames of a backlog over one second that were left as a gap, not made up.
     int64_t notMadeUp() const { return m_notMadeUp; }
 
 private:
@@ -41,6 +46,8 @@ private:
     unsigned int m_fps;            // frames per second actually scheduled
     Clock::time_point m_t0;        // start of the current run
     int64_t m_next = 0;            // index in this run of the next frame to hand over
+    int64_t m_takenFirst = 0;      // index in this run of the first frame the last take() gave
+    int64_t m_runPts = 0;          // pts of frame 0 of the current run
     int64_t m_madeUp = 0;          // frames, all runs
     int64_t m_notMadeUp = 0;       // frames, all runs
 };

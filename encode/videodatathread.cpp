@@ -3,18 +3,12 @@
 #include <QDebug>
 #include <algorithm>
 #include <opencv2/imgproc.hpp>
-#include <thread>
 
 #include "ffmpegencode.h"
 #include "frameschedule.h"
 
 namespace {
 
-// The period for fps 0, and the margin taken off every period, in microseconds.
-constexpr unsigned int kZeroFpsIntervalUs = 99990;
-constexpr unsigned int kIntervalMarginUs = 10;
-// Shortest period: frame rates beyond camera rates must not turn the feeder into a spin.
-constexpr unsigned int kMinIntervalUs = 1000;
 // A feeder behind its schedule still rests this long between passes: the session thread
 // waiting to put the next frame in the slot gets the lock instead of starving.
 constexpr std::chrono::milliseconds kMinRestBetweenPasses{1};
@@ -32,18 +26,6 @@ VideoDataThread::~VideoDataThread()
     exit.join(this);
 }
 
-unsigned int VideoDataThread::frameInterval(unsigned int fps)
-{
-    if (fps == 0)
-        return kZeroFpsIntervalUs;
-    const unsigned int perFrame = 1000000u / fps;
-    // Above 100000 fps (or a negative rate seen as unsigned) the formula has no positive
-    // value: hold the period at a floor instead.
-    if (perFrame <= kIntervalMarginUs + kMinIntervalUs)
-        return kMinIntervalUs;
-    return perFrame - kIntervalMarginUs;
-}
-
 void VideoDataThread::setData(cv::Mat &frame)
 {
     std::lock_guard<std::mutex> lock(frameMutex);
@@ -55,39 +37,70 @@ void VideoDataThread::start(FFmpegEncode *encoder)
     if (!encoder)
         return;
     this->encoder = encoder;
-    running.store(true);
+    {
+        std::lock_guard<std::mutex> lock(controlMutex);
+        running.store(true);
+    }
     exit.reset();
     QThread::start(QThread::InheritPriority);
 }
 
 void VideoDataThread::stop()
 {
-    running.store(false);
+    {
+        std::lock_guard<std::mutex> lock(controlMutex);
+        if (running.load())
+            stopAt = std::chrono::steady_clock::now();
+        running.store(false);
+    }
+    controlCondition.notify_all();
+}
+
+void VideoDataThread::setPause(bool on)
+{
+    if (pause.load() == on)
+        return;
+    {
+        std::lock_guard<std::mutex> lock(controlMutex);
+        pause.store(on);
+    }
+    controlCondition.notify_all();
+}
+
+bool VideoDataThread::waitForReady(std::chrono::milliseconds timeout)
+{
+    std::unique_lock<std::mutex> lock(controlMutex);
+    return controlCondition.wait_for(lock, timeout, [&] { return isReady() || !running; })
+        && isReady();
 }
 
 void VideoDataThread::run()
 {
-    ready.store(true, std::memory_order_release);
+    {
+        std::lock_guard<std::mutex> lock(controlMutex);
+        ready.store(true, std::memory_order_release);
+    }
+    controlCondition.notify_all();
     feed();
     ready.store(false, std::memory_order_release);
     exit.markReturned();
 }
 
-// Hands the slot's frame to the encoder `copies` times at the target size (scaled once);
-// false when the slot was empty.
-bool VideoDataThread::handOver(int width, int height, int copies)
+// Hands the slot's frame to the encoder `copies` times at the target size (scaled once),
+// the first with `pts`; false when the slot was empty.
+bool VideoDataThread::handOver(int width, int height, int copies, int64_t pts)
 {
     std::lock_guard<std::mutex> lock(frameMutex);
     // An empty slot has nothing to scale: the pass hands nothing over.
     if (currentFrame.empty())
         return false;
     if (currentFrame.rows == height && currentFrame.cols == width) {
-        encoder->addVideo(currentFrame, copies);
+        encoder->addVideo(currentFrame, copies, pts);
         return true;
     }
     cv::Mat scaled(height, width, currentFrame.type());
     cv::resize(currentFrame, scaled, cv::Size(width, height), 0, 0, cv::INTER_NEAREST);
-    encoder->addVideo(scaled, copies);
+    encoder->addVideo(scaled, copies, pts);
     return true;
 }
 
@@ -96,31 +109,51 @@ void VideoDataThread::feed()
     // Frames are due on a steady-clock schedule, not after sleeps that add up: the
     // picture keeps pace with the sound, whose samples arrive at the card's own rate.
     FrameSchedule schedule(encoder->fps());
-    const auto period = std::chrono::microseconds(frameInterval(encoder->fps()));
     const int width = static_cast<int>(encoder->width());
     const int height = static_cast<int>(encoder->height());
     // A size the encoder cannot have would make every scaling fail: feed nothing.
     const bool sizeOk = width > 0 && height > 0;
     bool inRun = false; // a run of passes is under way (not paused)
     long handed = 0;    // frames handed over
+    FrameSchedule::Clock::time_point firstRunStart = encoder->timelineOrigin();
+    std::unique_lock<std::mutex> lock(controlMutex);
+    // Starts a run of passes at `now` (the first at the recording's origin, where the
+    // sound is placed too).
+    const auto beginRun = [&](FrameSchedule::Clock::time_point now) {
+        const bool useOrigin = firstRunStart.time_since_epoch().count() != 0 && firstRunStart <= now;
+        schedule.restart(useOrigin ? firstRunStart : now);
+        firstRunStart = {};
+        inRun = true;
+    };
     while (running.load()) {
         if (pause.load() || !sizeOk) {
             // Paused time is neither recorded nor made up: resuming starts a new run.
             inRun = false;
-            std::this_thread::sleep_for(period);
+            controlCondition.wait(lock, [&] { return !running.load() || (!pause.load() && sizeOk); });
             continue;
         }
+        lock.unlock();
         const auto now = FrameSchedule::Clock::now();
-        if (!inRun) {
-            schedule.restart(now);
-            inRun = true;
-        }
+        if (!inRun)
+            beginRun(now);
         const int due = schedule.take(now);
-        if (due > 0 && handOver(width, height, due))
+        if (due > 0 && handOver(width, height, due, schedule.takenPts()))
             handed += due;
-        const auto wake = std::min(schedule.nextDue(), now + period);
-        std::this_thread::sleep_until(
-            std::max(wake, FrameSchedule::Clock::now() + kMinRestBetweenPasses));
+        const auto wake = std::max(schedule.nextDue(),
+                                   FrameSchedule::Clock::now() + kMinRestBetweenPasses);
+        lock.lock();
+        controlCondition.wait_until(lock, wake, [&] { return !running.load() || pause.load(); });
+    }
+    const auto stoppedAt = stopAt;
+    lock.unlock();
+    // The picture runs up to the stop, as the sound does, however late this thread got
+    // to see it (or to run at all): what was due by then is handed over.
+    if (sizeOk && !pause.load() && stoppedAt.time_since_epoch().count() != 0) {
+        if (!inRun)
+            beginRun(stoppedAt);
+        const int due = schedule.take(stoppedAt);
+        if (due > 0 && handOver(width, height, due, schedule.takenPts()))
+            handed += due;
     }
     qDebug().noquote() << QStringLiteral("video feeder: %1 frames handed over; %2 frames made up "
                                          "after stalls, %3 not made up")

@@ -3,6 +3,7 @@
 
 #include <QThread>
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <opencv2/core/mat.hpp>
 
@@ -11,7 +12,8 @@
 class FFmpegEncode;
 
 // Hands the newest camera frame to the encoder once per frame period, scaled to the
-// recording size. The session thread calls every public operation.
+// recording size, each with its place on the timeline. The session thread calls every
+// public operation.
 class VideoDataThread : public QThread
 {
     Q_OBJECT
@@ -22,24 +24,27 @@ public:
 
     void setData(cv::Mat &frame);      // copies the frame into the slot
     void start(FFmpegEncode *encoder); // null: does nothing
-    void stop();                       // does not wait
+    // Wakes the thread, which hands over what is due up to now and ends; does not wait.
+    void stop();
     bool isReady() const { return ready.load(std::memory_order_acquire); }
-    void setPause(bool on) { pause.store(on, std::memory_order_relaxed); }
-
-    // Frame period in microseconds for a frame rate: the longest the feeder sleeps.
-    static unsigned int frameInterval(unsigned int fps);
+    // Blocks until the thread runs (true) or `timeout` passed.
+    bool waitForReady(std::chrono::milliseconds timeout);
+    void setPause(bool on);
 
 protected:
     void run() override;
 
 private:
     void feed();
-    bool handOver(int width, int height, int copies);
+    bool handOver(int width, int height, int copies, int64_t pts);
 
     std::atomic<bool> ready{false};    // run() has begun and not yet returned
+    std::mutex controlMutex;           // guards the writes of running and pause, for the waits
+    std::condition_variable controlCondition; // signalled by start, stop, setPause and ready
     std::atomic<bool> running{false};  // keep looping
     std::atomic<bool> pause{false};    // hand nothing over
-    std::mutex frameMutex;               // guards currentFrame; taken before the encoder's queue lock
+    std::chrono::steady_clock::time_point stopAt; // when stop() was called; guarded by controlMutex
+    std::mutex frameMutex;             // guards currentFrame; taken before the encoder's queue lock
     cv::Mat currentFrame;              // newest frame, a private copy
     FFmpegEncode *encoder = nullptr;   // not owned
     ThreadExit exit;                   // joins run() visibly to the sanitizer

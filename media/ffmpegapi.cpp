@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "ffmpeglog.h"
 
 extern "C" {
+#include <libavutil/audio_fifo.h>
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
 #include <libavfilter/avfilter.h>
@@ -30,6 +32,10 @@ void freeOutputStream(OutputStream *ost)
     av_frame_free(&ost->frame);
     av_frame_free(&ost->tmp_frame);
     swr_free(&ost->swr_ctx);
+    if (ost->fifo) {
+        av_audio_fifo_free(ost->fifo);
+        ost->fifo = nullptr;
+    }
     ost->st = nullptr;
 }
 
@@ -210,7 +216,7 @@ static int openVideo(OutputStream *ost, const AVCodec *codec, AVDictionary *opti
     return 0;
 }
 
-int FFmpegApi::openAudio(AVDictionary *options)
+int FFmpegApi::openAudio(AVDictionary *options, int inputChannels)
 {
     OutputStream *ost = &audio_st;
     AVCodecContext *c = ost->enc;
@@ -230,16 +236,17 @@ int FFmpegApi::openAudio(AVDictionary *options)
     }
     m_audioFrameSize = frameSize;
     ost->frame = alloc_audio_frame(c->sample_fmt, &c->ch_layout, c->sample_rate, frameSize);
-    ost->tmp_frame = alloc_audio_frame(AV_SAMPLE_FMT_S16, &c->ch_layout, c->sample_rate, frameSize);
-    if (!ost->frame || !ost->tmp_frame) {
+    if (!ost->frame) {
         puts("alloc audio frame failed");
         return -1;
     }
     printf("c->channels=%d\n", c->ch_layout.nb_channels);
-    // Same layout and rate in and out: only the sample format and arrangement change.
-    if (swr_alloc_set_opts2(&ost->swr_ctx, &c->ch_layout, c->sample_fmt, c->sample_rate,
-                            &c->ch_layout, AV_SAMPLE_FMT_S16, c->sample_rate, 0, nullptr) < 0
-        || swr_init(ost->swr_ctx) < 0) {
+    ost->fifo = av_audio_fifo_alloc(c->sample_fmt, c->ch_layout.nb_channels, 2 * frameSize);
+    if (!ost->fifo) {
+        puts("alloc audio fifo failed");
+        return -1;
+    }
+    if (openResampler(inputChannels) < 0) {
         puts("init resampler failed");
         return -1;
     }
@@ -248,6 +255,35 @@ int FFmpegApi::openAudio(AVDictionary *options)
         return -1;
     }
     return 0;
+}
+
+// S16 interleaved blocks of `inputChannels` to the encoder's format and channels, at the
+// same rate. More channels than the encoder has (a microphone array) are averaged into
+// each output channel: the layout of such a card names no speakers to mix by.
+int FFmpegApi::openResampler(int inputChannels)
+{
+    OutputStream *ost = &audio_st;
+    AVCodecContext *c = ost->enc;
+    ost->in_channels = inputChannels > 0 ? inputChannels : c->ch_layout.nb_channels;
+    AVChannelLayout in;
+    av_channel_layout_default(&in, ost->in_channels);
+    int ret = swr_alloc_set_opts2(&ost->swr_ctx, &c->ch_layout, c->sample_fmt, c->sample_rate,
+                                  &in, AV_SAMPLE_FMT_S16, c->sample_rate, 0, nullptr);
+    av_channel_layout_uninit(&in);
+    if (ret < 0)
+        return ret;
+    // Resampling from the start when the sound may be stretched: switched on later, the
+    // filter's delay would shift the sound in the middle of the recording.
+    if (m_driftCorrection && (ret = av_opt_set_int(ost->swr_ctx, "flags", SWR_FLAG_RESAMPLE, 0)) < 0)
+        return ret;
+    const int outChannels = c->ch_layout.nb_channels;
+    if (ost->in_channels > 2 && outChannels < ost->in_channels) {
+        std::vector<double> matrix(static_cast<size_t>(outChannels) * ost->in_channels,
+                                   1.0 / ost->in_channels);
+        if ((ret = swr_set_matrix(ost->swr_ctx, matrix.data(), ost->in_channels)) < 0)
+            return ret;
+    }
+    return swr_init(ost->swr_ctx);
 }
 
 int FFmpegApi::open(char *filename, int videoBitrate, int fps, int width, int height,
@@ -286,11 +322,20 @@ int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSamp
         return -1;
     fmt = oc->oformat;
 
-    // A wanted stream whose container has no default codec of that kind is not made.
-    if (fmt->video_codec == AV_CODEC_ID_NONE)
+    // A wanted stream whose container has no default codec of that kind is not made, and
+    // the user is told rather than left with a file silently missing it.
+    if (m_hasVideo && fmt->video_codec == AV_CODEC_ID_NONE) {
         m_hasVideo = false;
-    if (fmt->audio_codec == AV_CODEC_ID_NONE)
+        printf("the container %s cannot hold video: recording without it\n", fmt->name);
+    }
+    if (m_hasAudio && fmt->audio_codec == AV_CODEC_ID_NONE) {
         m_hasAudio = false;
+        printf("the container %s cannot hold sound: recording without it\n", fmt->name);
+    }
+    if (!m_hasVideo && !m_hasAudio) {
+        puts("nothing to record: no stream is wanted that the container can hold");
+        return -1;
+    }
     if (m_hasVideo
         && add_stream(&video_st, oc, &video_codec, fmt->video_codec, m_bitrate, m_fps, m_width,
                       m_height, audioChannel, audioSampleRate) != 0)
@@ -307,7 +352,7 @@ int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSamp
         m_useFilter = false;
         puts("initFilters 2");
     }
-    if (m_hasAudio && openAudio(options) < 0)
+    if (m_hasAudio && openAudio(options, audioChannel) < 0)
         return -1;
 
     av_dump_format(oc, 0, m_filename, 1);
@@ -372,7 +417,7 @@ int FFmpegApi::encodeAndWrite(OutputStream *ost, AVFrame *frame)
     return result;
 }
 
-AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img)
+AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img, int64_t pts)
 {
     // A frame the encoder cannot take is refused, not encoded as garbage.
     if (img.empty() || img.type() != CV_8UC3 || img.cols < video_st.enc->width
@@ -387,15 +432,22 @@ AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img)
         puts("cannot fill yuv images");
         return nullptr;
     }
-    frame->pts = video_st.next_pts++;
+    // A pts at or before the last one would be refused by the muxer: it follows instead.
+    frame->pts = std::max(pts, video_st.next_pts);
+    video_st.next_pts = frame->pts + 1;
     return frame;
 }
 
 int FFmpegApi::write_video(cv::Mat img)
 {
+    return write_video(img, video_st.next_pts);
+}
+
+int FFmpegApi::write_video(cv::Mat img, int64_t pts)
+{
     if (!m_headerWritten || !m_hasVideo || !video_st.frame)
         return -1;
-    AVFrame *frame = nextVideoFrame(img);
+    AVFrame *frame = nextVideoFrame(img, pts);
     if (!frame)
         return -1;
     if (!m_useFilter)
@@ -421,37 +473,112 @@ int FFmpegApi::write_video(cv::Mat img)
 
 int FFmpegApi::write_audio(unsigned char *data)
 {
-    if (!m_headerWritten || !m_hasAudio || !audio_st.tmp_frame || !data)
+    if (!m_headerWritten || !m_hasAudio || !audio_st.swr_ctx || !data)
         return 0;
-    OutputStream *ost = &audio_st;
-    AVCodecContext *c = ost->enc;
-    AVFrame *in = ost->tmp_frame;
-    const int blockSize = in->nb_samples;
-    if (av_frame_make_writable(in) < 0)
-        return 0;
-    memcpy(in->data[0], data, static_cast<size_t>(c->ch_layout.nb_channels) * blockSize * 2);
-    in->pts = ost->next_pts;
-    ost->next_pts += blockSize;
-
-    const int outSamples = static_cast<int>(av_rescale_rnd(
-        swr_get_delay(ost->swr_ctx, c->sample_rate) + blockSize, c->sample_rate, c->sample_rate,
-        AV_ROUND_UP));
-    av_frame_make_writable(ost->frame);
-    swr_convert(ost->swr_ctx, ost->frame->data, outSamples,
-                const_cast<const uint8_t **>(in->data), blockSize);
-    ost->frame->pts = av_rescale_q(ost->samples_count, AVRational{1, c->sample_rate}, c->time_base);
-    ost->samples_count += outSamples;
-    encodeAndWrite(ost, ost->frame);
+    AudioBlock block;
+    block.frames = m_audioFrameSize;
+    block.channels = audio_st.in_channels;
+    block.rate = audio_st.enc->sample_rate;
+    const auto *samples = reinterpret_cast<const int16_t *>(data);
+    block.samples.assign(samples, samples + size_t(block.frames) * block.channels);
+    write_audio(block);
     return 0;
 }
 
+int FFmpegApi::write_audio(const AudioBlock &block, int compensation)
+{
+    if (!m_headerWritten || !m_hasAudio || !audio_st.swr_ctx)
+        return 0;
+    OutputStream *ost = &audio_st;
+    if (block.channels != ost->in_channels || block.frames <= 0
+        || block.samples.size() < size_t(block.frames) * block.channels)
+        return -1; // the resampler was set up for another layout: it would misread it
+    if (m_driftCorrection
+        && swr_set_compensation(ost->swr_ctx, compensation, compensation ? block.frames : 0) < 0)
+        puts("cannot set the sound's compensation");
+    const int capacity = swr_get_out_samples(ost->swr_ctx, block.frames);
+    if (capacity < 0 || !reserveResamplerOutput(capacity))
+        return -1;
+    const uint8_t *in[1] = {reinterpret_cast<const uint8_t *>(block.samples.data())};
+    const int got = swr_convert(ost->swr_ctx, ost->tmp_frame->data, capacity, in, block.frames);
+    if (got < 0)
+        return -1;
+    if (got > 0 && av_audio_fifo_write(ost->fifo, reinterpret_cast<void **>(ost->tmp_frame->data), got) < got)
+        return -1;
+    ost->next_pts += got;
+    return encodeAudioFifo(false);
+}
+
+// The resampler's output frame holds at least `samples`; false after a message.
+bool FFmpegApi::reserveResamplerOutput(int samples)
+{
+    OutputStream *ost = &audio_st;
+    if (ost->tmp_frame && ost->tmp_frame->nb_samples >= samples)
+        return true;
+    av_frame_free(&ost->tmp_frame);
+    ost->tmp_frame = alloc_audio_frame(ost->enc->sample_fmt, &ost->enc->ch_layout,
+                                       ost->enc->sample_rate, samples);
+    if (!ost->tmp_frame)
+        puts("alloc audio frame failed");
+    return ost->tmp_frame != nullptr;
+}
+
+// Encodes whole frames from the fifo; with `all`, the last partial one too (padded with
+// silence for an encoder that takes whole frames only).
+int FFmpegApi::encodeAudioFifo(bool all)
+{
+    OutputStream *ost = &audio_st;
+    AVCodecContext *c = ost->enc;
+    const bool smallLast = c->codec->capabilities
+        & (AV_CODEC_CAP_SMALL_LAST_FRAME | AV_CODEC_CAP_VARIABLE_FRAME_SIZE);
+    while (av_audio_fifo_size(ost->fifo) >= c->frame_size
+           || (all && av_audio_fifo_size(ost->fifo) > 0)) {
+        const int n = std::min(av_audio_fifo_size(ost->fifo), c->frame_size);
+        if (av_frame_make_writable(ost->frame) < 0)
+            return -1;
+        ost->frame->nb_samples = smallLast ? n : c->frame_size;
+        if (n < c->frame_size)
+            av_samples_set_silence(ost->frame->data, n, c->frame_size - n,
+                                   c->ch_layout.nb_channels, c->sample_fmt);
+        if (av_audio_fifo_read(ost->fifo, reinterpret_cast<void **>(ost->frame->data), n) < n)
+            return -1;
+        ost->frame->pts = av_rescale_q(ost->samples_count, AVRational{1, c->sample_rate}, c->time_base);
+        ost->samples_count += ost->frame->nb_samples;
+        encodeAndWrite(ost, ost->frame);
+        ost->frame->nb_samples = c->frame_size;
+    }
+    return 0;
+}
+
+// Writes what the resampler and the fifo still hold.
+void FFmpegApi::drainAudio()
+{
+    OutputStream *ost = &audio_st;
+    if (!ost->swr_ctx || !ost->fifo)
+        return;
+    const int capacity = swr_get_out_samples(ost->swr_ctx, 0);
+    if (capacity > 0 && reserveResamplerOutput(capacity)) {
+        const int got = swr_convert(ost->swr_ctx, ost->tmp_frame->data, capacity, nullptr, 0);
+        if (got > 0) {
+            av_audio_fifo_write(ost->fifo, reinterpret_cast<void **>(ost->tmp_frame->data), got);
+            ost->next_pts += got;
+        }
+    }
+    encodeAudioFifo(true);
+}
+
 bool FFmpegApi::encodeVideo()
+{
+    return encodeVideo(video_st.next_pts);
+}
+
+bool FFmpegApi::encodeVideo(int64_t videoPts)
 {
     if (!m_hasAudio)
         return true;
     if (!m_hasVideo)
         return false;
-    return av_compare_ts(video_st.next_pts, video_st.enc->time_base, audio_st.next_pts,
+    return av_compare_ts(videoPts, video_st.enc->time_base, audio_st.next_pts,
                          audio_st.enc->time_base)
         <= 0;
 }
@@ -464,8 +591,10 @@ void FFmpegApi::flush()
     if (m_headerWritten) {
         if (m_hasVideo && video_st.enc)
             encodeAndWrite(&video_st, nullptr);
-        if (m_hasAudio && audio_st.enc)
+        if (m_hasAudio && audio_st.enc) {
+            drainAudio();
             encodeAndWrite(&audio_st, nullptr);
+        }
         const int ret = av_write_trailer(oc);
         if (ret < 0)
             reportWriteError("Error writing the file trailer", ret);

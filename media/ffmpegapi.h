@@ -9,6 +9,7 @@
 #include <mutex>
 #include <opencv2/core/mat.hpp>
 
+#include "audioblock.h"
 #include "threadexit.h"
 
 extern "C" {
@@ -18,6 +19,7 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+struct AVAudioFifo;
 struct AVFilterContext;
 struct AVFilterGraph;
 struct SwrContext;
@@ -26,11 +28,14 @@ struct SwrContext;
 struct OutputStream {
     AVStream *st = nullptr;          // the stream in the container (owned by the container)
     AVCodecContext *enc = nullptr;   // the encoder, owned: freed by flush or a failed open
-    int64_t next_pts = 0;            // video: frames so far (1/fps); audio: input samples per channel
-    int samples_count = 0;           // audio: samples per channel given to the encoder
+    int64_t next_pts = 0;            // video: next frame's pts (1/fps); audio: samples per
+                                     // channel out of the resampler so far (1/rate)
+    int64_t samples_count = 0;       // audio: samples per channel given to the encoder
     AVFrame *frame = nullptr;        // the encoder's input frame
-    AVFrame *tmp_frame = nullptr;    // audio: the block as interleaved S16
-    SwrContext *swr_ctx = nullptr;   // audio: S16 interleaved -> encoder sample format
+    AVFrame *tmp_frame = nullptr;    // audio: the resampler's output, in the encoder's format
+    SwrContext *swr_ctx = nullptr;   // audio: S16 interleaved -> encoder format and channels
+    AVAudioFifo *fifo = nullptr;     // audio: converted samples waiting to fill a frame
+    int in_channels = 0;             // audio: channels of the blocks given to write_audio
 };
 
 // A text / local time / logo watermark.
@@ -81,10 +86,26 @@ public:
              int audioChannel, int audioSampleRate);
     int audioFrameSize() const { return m_audioFrameSize; }
     bool encodeVideo();
+    // Whether a video frame with this pts (frame periods) is due before the next audio.
+    bool encodeVideo(int64_t videoPts);
     // 0, or -1 (a frame of the wrong size or type is refused without a timestamp advance).
+    // Without a pts the frame follows the last one written.
     int write_video(cv::Mat img);
-    // Reads channels x audioFrameSize() x 2 bytes of interleaved S16; always 0.
+    // pts in frame periods: a frame that was never written leaves its place empty.
+    int write_video(cv::Mat img, int64_t pts);
+    // Reads channels x audioFrameSize() x 2 bytes of interleaved S16 (channels as given
+    // to open); always 0.
     int write_audio(unsigned char *data);
+    // Converts the block to the encoder's format and channels (more channels than the
+    // encoder has are mixed down), stretched by `compensation` samples (positive: more
+    // out than in) when drift correction is on, and encodes every whole frame it
+    // completes. 0, or -1 for a block the writer was not opened for.
+    int write_audio(const AudioBlock &block, int compensation = 0);
+    // Before open: let write_audio stretch the sound to keep it on the picture's clock.
+    // Off, the samples pass unchanged.
+    void setDriftCorrection(bool on) { m_driftCorrection = on; }
+    // Samples per channel out of the resampler so far: the sound's timeline, 1/rate.
+    int64_t audioSamplesOut() const { return audio_st.next_pts; }
     // Drains both encoders, writes the trailer and releases everything.
     void flush();
     AVFrame *alloc_audio_frame(AVSampleFormat sample_fmt, const AVChannelLayout *channel_layout,
@@ -105,12 +126,16 @@ public:
 
 private:
     int openOutput(AVDictionary *options, int audioChannel, int audioSampleRate);
-    int openAudio(AVDictionary *options);
+    int openAudio(AVDictionary *options, int inputChannels);
+    int openResampler(int inputChannels);
+    bool reserveResamplerOutput(int samples);
+    int encodeAudioFifo(bool all);
+    void drainAudio();
     int encodeAndWrite(OutputStream *ost, AVFrame *frame);
     void reportWriteError(const char *what, int error);
     // The video frame filled from `img` with the next timestamp, or null when `img` cannot
     // be taken (wrong type, too small) and the timestamp stays.
-    AVFrame *nextVideoFrame(cv::Mat &img);
+    AVFrame *nextVideoFrame(cv::Mat &img, int64_t pts);
     void release();
 
     char *m_filename = nullptr;   // borrowed, valid only while open runs
@@ -127,6 +152,7 @@ private:
     bool m_hasVideo = true;
     bool m_hasAudio = true;
     int m_audioFrameSize = 0;     // samples per channel in one audio block
+    bool m_driftCorrection = false; // the resampler may stretch the sound
     bool m_useFilter = false;     // write_video goes through the watermark graph
     AVFilterContext *buffersink_ctx = nullptr;
     AVFilterContext *buffersrc_ctx = nullptr;

@@ -111,7 +111,7 @@ int FFmpegApi::write_watermark(cv::Mat img)
     // Without a graph there is nothing to feed.
     if (!m_useFilter || !buffersrc_ctx || !buffersink_ctx || !video_st.frame)
         return -1;
-    AVFrame *frame = nextVideoFrame(img);
+    AVFrame *frame = nextVideoFrame(img, video_st.next_pts);
     if (!frame)
         return -1;
     if (av_buffersrc_add_frame_flags(buffersrc_ctx, frame, AV_BUFFERSRC_FLAG_KEEP_REF) < 0)

@@ -13,6 +13,67 @@
 #include <cstdio>
 #include <memory>
 
+namespace {
+
+// An idle session (paused, or without a frame source) waits at most this long at a time
+// for a wake-up, so that one missed (the component is set without the lock) costs little.
+constexpr std::chrono::milliseconds kIdleWait{100};
+// Longest wait for the feeder thread to come up.
+constexpr std::chrono::milliseconds kFeederStartTimeout{5000};
+// Longest wait for the first audio block before the recording goes on without it.
+constexpr std::chrono::milliseconds kFirstAudioTimeout{3000};
+// A start-up wait that the host's stop does not wake looks at the stop this often.
+constexpr std::chrono::milliseconds kStopCheck{100};
+// Answers to waitForRecordStart kept for callers that ask late.
+constexpr size_t kAnswersKept = 16;
+// Duration printed when no first frame ever started the recording.
+constexpr qint64 kNoDuration = -1;
+
+qint64 nowMs()
+{
+    return QDateTime::currentMSecsSinceEpoch();
+}
+
+void logTime(int line, qint64 ms)
+{
+    qDebug() << line << "run" << ms;
+}
+
+// Brackets the session's use of the host component: endUse is the very last action,
+// also when the session is left by an exception.
+class ComponentUse
+{
+public:
+    explicit ComponentUse(PluginComponent *component) : m_component(component)
+    {
+        if (m_component)
+            m_component->beginUse();
+    }
+    ~ComponentUse()
+    {
+        if (m_component)
+            m_component->endUse();
+    }
+    ComponentUse(const ComponentUse &) = delete;
+    ComponentUse &operator=(const ComponentUse &) = delete;
+
+private:
+    PluginComponent *m_component;
+};
+
+} // namespace
+
+// The pipeline objects of one session. Declared in this order so that an exception
+// unwinds capture, feeder, encoder: each destructor stops and joins its own thread.
+struct RecordThread::Session {
+    uint64_t generation = 0;          // the startRecord this session answers
+    std::unique_ptr<FFmpegEncode> encoder;
+    std::unique_ptr<VideoDataThread> feeder;
+    std::unique_ptr<AudiocaptureThread> capture;
+    qint64 startTime = kNoDuration;   // ms since the epoch; kNoDuration until the first frame
+    qint64 endTime = kNoDuration;
+};
+
 RecordThread::RecordThread(QObject *parent)
     : QThread(parent)
     , d(new RecordThreadPrivate)
@@ -31,23 +92,26 @@ RecordThread::~RecordThread()
 void RecordThread::setPluginComponent(PluginComponent *component)
 {
     d->component.store(component);
+    // Without the lock: a session idling for a component may miss this and look again
+    // after kIdleWait.
+    d->controlCondition.notify_all();
 }
 
 void RecordThread::startRecord()
 {
     std::unique_lock<std::mutex> lock(d->mutex);
-    if (d->runRequested)
-        return;
-    d->runRequested = true;
+    if (d->wanted != 0)
+        return; // a recording is requested: it is neither restarted nor disturbed
+    const uint64_t generation = ++d->requested;
+    d->pending = RecordingSettings{d->hasVideo, d->hasAudio, d->recWidth, d->recHeight,
+                                   d->fps, d->videoBitrate, d->filename};
     // A pause left over from the last recording must not start this one paused.
     d->paused = false;
-    d->startPending = true;
-    if (d->threadActive) {
-        // The last session is still stopping: its thread runs this one next, so the
-        // request is neither lost nor started twice.
-        d->restartPending = true;
-        return;
-    }
+    d->wanted = generation;
+    // A session still finishing the last file sees that it is no longer wanted.
+    d->controlCondition.notify_all();
+    if (d->threadActive)
+        return; // the running thread takes this generation as soon as the last one ended
     // The thread is past its last look at the mutex, if it still runs at all.
     d->exit.join(this);
     d->exit.reset();
@@ -58,8 +122,8 @@ void RecordThread::startRecord()
 void RecordThread::stopRecord()
 {
     std::unique_lock<std::mutex> lock(d->mutex);
-    d->runRequested = false;
-    d->restartPending = false;
+    d->wanted = 0;
+    d->controlCondition.notify_all();
 }
 
 bool RecordThread::isRecording()
@@ -105,17 +169,19 @@ void RecordThread::setFilename(const QString &name)
 bool RecordThread::bPauseRec()
 {
     std::unique_lock<std::mutex> lock(d->mutex);
-    if (d->runRequested)
+    if (d->wanted != 0)
         d->paused = true;
-    return d->runRequested;
+    d->controlCondition.notify_all();
+    return d->wanted != 0;
 }
 
 bool RecordThread::bResumeRec()
 {
     std::unique_lock<std::mutex> lock(d->mutex);
-    if (d->runRequested)
+    if (d->wanted != 0)
         d->paused = false;
-    return d->runRequested;
+    d->controlCondition.notify_all();
+    return d->wanted != 0;
 }
 
 void RecordThread::vSetRecSize(long width, long height)
@@ -147,31 +213,63 @@ void RecordThread::setVideoBitrate(unsigned int bitrate)
 
 bool RecordThread::waitForRecordStart(int msecs)
 {
-    // The session's answer is kept in startPending under the mutex, so a wake that
-    // came before this call is not lost and a finished start-up answers at once.
+    // Answers for the newest startRecord: its own session's answer, kept under the mutex,
+    // so a wake that came before this call is not lost and a finished start-up answers at
+    // once. A session still finishing an earlier file does not answer for it.
     std::unique_lock<std::mutex> lock(d->mutex);
-    const auto answered = [this] { return !d->startPending; };
+    const uint64_t target = d->requested;
+    if (target == 0)
+        return d->recording;
+    const auto answered = [&] { return d->answered >= target; };
     if (msecs < 0)
         d->startCondition.wait(lock, answered);
-    else
-        d->startCondition.wait_for(lock, std::chrono::milliseconds(msecs), answered);
-    return d->recording;
+    else if (!d->startCondition.wait_for(lock, std::chrono::milliseconds(msecs), answered))
+        return false;
+    for (const auto &[generation, recorded] : d->answers)
+        if (generation == target)
+            return recorded;
+    return false; // superseded by newer generations before it was asked
 }
 
-// Session thread: publishes whether the session records and wakes every waiter.
-void RecordThread::announceStart(bool recording)
+// Publishes the answer for `generation` and wakes every waiter; the caller holds the mutex.
+void RecordThread::answerLocked(uint64_t generation, bool recording)
+{
+    if (generation <= d->answered)
+        return;
+    d->answered = generation;
+    d->answers.emplace_back(generation, recording);
+    if (d->answers.size() > kAnswersKept)
+        d->answers.pop_front();
+    d->startCondition.notify_all();
+}
+
+// Session thread.
+void RecordThread::answerStart(uint64_t generation, bool recording)
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     d->recording = recording;
-    d->startPending = false;
-    d->startCondition.notify_all();
+    answerLocked(generation, recording);
 }
 
 void RecordThread::run()
 {
     for (;;) {
+        Session s;
+        RecordingSettings settings;
+        {
+            std::lock_guard<std::mutex> lock(d->mutex);
+            // A generation stopped before its session began will never record.
+            if (d->wanted != d->requested)
+                answerLocked(d->requested, false);
+            if (d->wanted == 0) {
+                d->threadActive = false;
+                break;
+            }
+            s.generation = d->wanted;
+            settings = d->pending;
+        }
         try {
-            runSession();
+            runSession(s, settings);
         } catch (const std::exception &e) {
             qWarning() << "recording session ended by an exception:" << e.what();
         } catch (...) {
@@ -179,146 +277,106 @@ void RecordThread::run()
         }
         std::lock_guard<std::mutex> lock(d->mutex);
         d->recording = false;
-        d->startPending = false;
-        d->startCondition.notify_all();
-        if (d->restartPending) {
-            d->restartPending = false;
-            continue;
-        }
-        // A session that gave up leaves the recorder able to start again.
-        d->runRequested = false;
-        d->threadActive = false;
-        break;
+        answerLocked(s.generation, false);
+        // A session that ended by itself (it gave up, or its source failed) leaves the
+        // recorder able to start again.
+        if (d->wanted == s.generation)
+            d->wanted = 0;
     }
     d->exit.markReturned();
 }
 
-namespace {
-
-// Start-up waits poll at this period (microseconds).
-constexpr unsigned long kStartupPollUs = 10;
-// The audio-only loop polls the host's flags at this period (microseconds).
-constexpr unsigned long kAudioLoopPollUs = 100;
-// The video path's stop sequence polls at this period (seconds).
-constexpr unsigned long kStopPollSeconds = 1;
-// While paused, or without a component, the video loop sleeps this long per pass (ms).
-constexpr unsigned long kIdlePassMs = 5;
-// Longest wait for the feeder thread to come up (ms).
-constexpr qint64 kFeederStartTimeoutMs = 5000;
-// Longest wait for the first audio block before the recording goes on without it (ms).
-constexpr qint64 kFirstAudioTimeoutMs = 3000;
-// Duration printed when no first frame ever started the recording.
-constexpr qint64 kNoDuration = -1;
-
-qint64 nowMs()
+bool RecordThread::stillWanted(const Session &s) const
 {
-    return QDateTime::currentMSecsSinceEpoch();
+    return d->wanted.load() == s.generation;
 }
 
-void logTime(int line, qint64 ms)
+// Waits for a change while there is nothing to take: a stop, a pause or resume, and for
+// a session that needs one, a frame source.
+void RecordThread::waitWhileIdle(const Session &s, bool paused, bool needsComponent)
 {
-    qDebug() << line << "run" << ms;
+    std::unique_lock<std::mutex> lock(d->mutex);
+    d->controlCondition.wait_for(lock, kIdleWait, [&] {
+        return !stillWanted(s) || d->paused != paused
+            || (needsComponent && !paused && d->component.load());
+    });
 }
 
-// Brackets the session's use of the host component: endUse is the very last action,
-// also when the session is left by an exception.
-class ComponentUse
+// Opens the camera's microphone; false when it failed and the user has been told.
+bool RecordThread::openMicrophone(Session &s)
 {
-public:
-    explicit ComponentUse(PluginComponent *component) : m_component(component)
-    {
-        if (m_component)
-            m_component->beginUse();
-    }
-    ~ComponentUse()
-    {
-        if (m_component)
-            m_component->endUse();
-    }
-    ComponentUse(const ComponentUse &) = delete;
-    ComponentUse &operator=(const ComponentUse &) = delete;
-
-private:
-    PluginComponent *m_component;
-};
-
-// Polls until `done` or `failed` holds; false when it ended on `failed`.
-template <typename Done, typename Failed>
-bool pollUntil(Done done, Failed failed, unsigned long periodUs)
-{
-    while (!done()) {
-        if (failed())
-            return false;
-        QThread::usleep(periodUs);
-    }
-    return true;
+    s.capture = std::make_unique<AudiocaptureThread>(s.encoder.get());
+    if (s.capture->open([&] { return !stillWanted(s); }))
+        return true;
+    s.capture.reset();
+    if (!stillWanted(s))
+        return false; // stopped while a busy device was retried: not the microphone's fault
+    d->hasAudio = false;
+    qDebug() << "打开麦失败，将不录音";
+    puts("打开麦失败，将不录音");
+    fflush(stdout);
+    return false;
 }
 
-// The encoder has opened its output (true) or has given up (false).
-bool waitForEncoderOpen(FFmpegEncode &encoder)
-{
-    return pollUntil([&] { return encoder.isEncodeOpen(); },
-                     [&] { return encoder.isFailed() || encoder.isOver(); }, kStartupPollUs);
-}
-
-} // namespace
-
-// The pipeline objects of one session. Declared in this order so that an exception
-// unwinds capture, feeder, encoder, then the component: each destructor stops and
-// joins its own thread.
-struct RecordThread::Session {
-    std::unique_ptr<FFmpegEncode> encoder;
-    std::unique_ptr<VideoDataThread> feeder;
-    std::unique_ptr<AudiocaptureThread> capture;
-    qint64 startTime = kNoDuration; // ms since the epoch; kNoDuration until the first frame
-    qint64 endTime = kNoDuration;
-};
-
-void RecordThread::runSession()
+void RecordThread::runSession(Session &s, const RecordingSettings &settings)
 {
     d->recording = false;
-    if (!d->hasAudio && !d->hasVideo) {
+    if (!settings.audio && !settings.video) {
         qDebug() << "未配置录制视频或者音频";
-        announceStart(false);
+        answerStart(s.generation, false);
         return;
     }
 
     ComponentUse use(d->component.load());
-    Session s;
-    s.encoder = std::make_unique<FFmpegEncode>();
-
-    if (d->hasAudio) {
-        s.capture = std::make_unique<AudiocaptureThread>(s.encoder.get());
-        if (!s.capture->open()) {
-            d->hasAudio = false;
-            qDebug() << "打开麦失败，将不录音";
-            puts("打开麦失败，将不录音");
-            fflush(stdout);
+    // Destroyed before `use`: endUse comes after the whole pipeline is gone.
+    struct Teardown {
+        Session &s;
+        ~Teardown()
+        {
             s.capture.reset();
+            s.feeder.reset();
+            s.encoder.reset();
         }
-    }
-    if (!d->hasAudio && !d->hasVideo) {
-        announceStart(false);
+    } teardown{s};
+    s.encoder = std::make_unique<FFmpegEncode>();
+    const bool audio = settings.audio && openMicrophone(s);
+    if (!audio && (!settings.video || !stillWanted(s))) {
+        answerStart(s.generation, false);
         return;
     }
 
     FFmpegEncode &encoder = *s.encoder;
     // Sizes keep their low 32 bits, as the encoder's unsigned settings take them.
-    encoder.setWidth(static_cast<unsigned int>(d->recWidth.load()));
-    encoder.setHeight(static_cast<unsigned int>(d->recHeight.load()));
-    encoder.setFps(static_cast<unsigned int>(d->fps.load()));
-    encoder.setVideoBitrate(d->videoBitrate);
-    encoder.setVideo_path(filename());
-    encoder.setRecVideo(d->hasVideo);
-    encoder.setRecAudio(d->hasAudio);
-    if (d->hasAudio && s.capture) {
+    encoder.setWidth(static_cast<unsigned int>(settings.width));
+    encoder.setHeight(static_cast<unsigned int>(settings.height));
+    encoder.setFps(static_cast<unsigned int>(settings.fps));
+    encoder.setVideoBitrate(settings.bitrate);
+    encoder.setVideo_path(settings.filename);
+    encoder.setRecVideo(settings.video);
+    encoder.setRecAudio(audio);
+    if (audio) {
         encoder.setAudioChannel(static_cast<unsigned int>(s.capture->audioChannel()));
         encoder.setaudioSampleRate(static_cast<unsigned int>(s.capture->sampleRate()));
     }
+    encoder.setRun(true);
+    // Announced once the output is open, not before: a recording whose file cannot be
+    // written must answer false to waitForRecordStart instead of a brief true.
+    if (!encoder.waitForOpen()) {
+        qDebug() << "record failed: the output file could not be opened";
+        stopAfterFailedOpen(s);
+        return;
+    }
+    // What the container can hold is what is recorded, and the host can see it.
+    if (settings.video && !encoder.recVideo())
+        d->hasVideo = false;
+    if (audio && !encoder.recAudio()) {
+        d->hasAudio = false;
+        s.capture.reset();
+    }
 
-    if (d->hasVideo || !d->hasAudio)
+    if (encoder.recVideo())
         recordVideo(s);
-    else if (s.capture)
+    else
         recordAudioOnly(s);
 }
 
@@ -331,44 +389,23 @@ static void startCapture(AudiocaptureThread &capture, FFmpegEncode &encoder)
 
 void RecordThread::recordVideo(Session &s)
 {
-    FFmpegEncode &encoder = *s.encoder;
     s.feeder = std::make_unique<VideoDataThread>();
     VideoDataThread &feeder = *s.feeder;
     if (s.capture)
         s.capture->startThread();
-    encoder.setRun(true);
-
-    // Announced once the output is open, not before: a recording whose file cannot be
-    // written must answer false to waitForRecordStart instead of a brief true.
-    if (!waitForEncoderOpen(encoder)) {
-        qDebug() << "record failed: the output file could not be opened";
-        stopAfterFailedOpen(s);
-        return;
-    }
-    announceStart(true);
+    answerStart(s.generation, true);
 
     bool firstFramePending = true;
-    while (d->runRequested) {
+    while (stillWanted(s)) {
         const bool paused = d->paused;
         if (s.capture)
             s.capture->setPause(paused);
         feeder.setPause(paused);
-        if (paused) {
-            // Yield the processor: nothing is taken while paused.
-            QThread::msleep(kIdlePassMs);
-            continue;
-        }
-
-        if (s.capture && s.capture->isOver() && encoder.recAudio()) {
-            // The microphone is gone for good: the picture must not wait for its sound.
-            qDebug() << "the microphone stopped delivering: recording goes on without sound";
-            encoder.setRecAudio(false);
-        }
-
         PluginComponent *component = d->component.load();
-        if (!component) {
-            // A video recording without a frame source records nothing until it gets one.
-            QThread::msleep(kIdlePassMs);
+        if (paused || !component) {
+            // Nothing is taken while paused; a video recording without a frame source
+            // records nothing until it gets one.
+            waitWhileIdle(s, paused, true);
             continue;
         }
         bool handed = false;
@@ -391,43 +428,36 @@ void RecordThread::recordVideo(Session &s)
             }
         }
         if (handed && firstFramePending) {
-            if (!startBehindFirstFrame(s))
-                break;
+            startBehindFirstFrame(s);
             firstFramePending = false;
         }
     }
     stopVideo(s);
 }
 
-// Starts the capture and the feeder behind the first frame; false when the encoder
-// has failed meanwhile.
-bool RecordThread::startBehindFirstFrame(Session &s)
+// Starts the capture and the feeder behind the first frame.
+void RecordThread::startBehindFirstFrame(Session &s)
 {
     FFmpegEncode &encoder = *s.encoder;
-    if (!waitForEncoderOpen(encoder))
-        return false;
+    // One origin for picture and sound: frame 0 is due now, and the sound is placed
+    // against it whenever its first block comes.
+    encoder.setTimelineOrigin(std::chrono::steady_clock::now());
     if (s.capture)
         startCapture(*s.capture, encoder);
     encoder.startEncode();
     s.feeder->start(&encoder);
-
-    const qint64 feederDeadline = nowMs() + kFeederStartTimeoutMs;
-    pollUntil([&] { return s.feeder->isReady(); },
-              [&] { return nowMs() > feederDeadline; }, kStartupPollUs);
+    s.feeder->waitForReady(kFeederStartTimeout);
 
     // The recording starts with a block of sound queued, unless the microphone is gone
     // or silent for too long: then the picture goes on without waiting for it.
-    const qint64 audioDeadline = nowMs() + kFirstAudioTimeoutMs;
-    pollUntil([&] { return !d->hasAudio || encoder.audioQueueCount() > 0; },
-              [&] {
-                  return !d->runRequested || (s.capture && s.capture->isOver())
-                      || nowMs() > audioDeadline;
-              },
-              kStartupPollUs);
-
+    if (s.capture) {
+        const auto deadline = std::chrono::steady_clock::now() + kFirstAudioTimeout;
+        while (stillWanted(s) && std::chrono::steady_clock::now() < deadline
+               && !encoder.waitForAudio(kStopCheck)) {
+        }
+    }
     s.startTime = nowMs();
     logTime(__LINE__, s.startTime);
-    return true;
 }
 
 // The recording lasted end - start ms, or kNoDuration when it never started.
@@ -438,12 +468,13 @@ static qint64 durationMs(qint64 start, qint64 end)
 
 void RecordThread::stopVideo(Session &s)
 {
-    FFmpegEncode &encoder = *s.encoder;
+    // Feeder, capture, encoder. The picture and the sound are told at the same moment, so
+    // that they end together; both are joined before the encoder finishes the file.
     s.feeder->stop();
     if (s.capture)
         s.capture->stopThread();
-    QThread::sleep(1);
-    encoder.setRun(false);
+    s.feeder.reset();
+    s.capture.reset();
 
     s.endTime = nowMs();
     logTime(__LINE__, s.endTime);
@@ -452,63 +483,42 @@ void RecordThread::stopVideo(Session &s)
     printf("msecs:%d\n", static_cast<int>(duration));
     fflush(stdout);
 
-    // A failed encoder never reports over: its failure ends the wait too.
-    while (!encoder.isOver() && !encoder.isFailed())
-        QThread::sleep(kStopPollSeconds);
-    if (s.capture) {
-        while (!s.capture->isOver())
-            QThread::sleep(kStopPollSeconds);
-        s.capture.reset();
-    }
+    s.encoder->finish();
     d->recording = false;
     qDebug() << "record over";
-    s.feeder.reset();
     s.encoder.reset();
 }
 
 // The encoder could not open its output: take down what was started, record nothing.
 void RecordThread::stopAfterFailedOpen(Session &s)
 {
-    if (s.capture) {
-        s.capture->stopThread();
-        s.capture.reset();
-    }
+    s.capture.reset();
     s.feeder.reset();
     s.encoder.reset();
-    announceStart(false);
+    answerStart(s.generation, false);
 }
 
 void RecordThread::recordAudioOnly(Session &s)
 {
     FFmpegEncode &encoder = *s.encoder;
     AudiocaptureThread &capture = *s.capture;
+    // `capture` is stopped and destroyed before the encoder finishes.
     capture.startThread();
-    encoder.setRun(true);
-    if (!waitForEncoderOpen(encoder)) {
-        qDebug() << "record failed: the output file could not be opened";
-        stopAfterFailedOpen(s);
-        return;
-    }
     startCapture(capture, encoder);
     s.startTime = nowMs();
     logTime(__LINE__, s.startTime);
-    announceStart(true);
+    answerStart(s.generation, true);
 
-    while (d->runRequested) {
-        capture.setPause(d->paused);
-        QThread::usleep(kAudioLoopPollUs);
+    while (stillWanted(s)) {
+        const bool paused = d->paused;
+        capture.setPause(paused);
+        waitWhileIdle(s, paused, false);
     }
 
     s.endTime = nowMs();
     logTime(__LINE__, s.endTime);
-    QThread::usleep(1000000);
-    capture.stopThread();
-    while (!capture.isOver())
-        QThread::usleep(kStartupPollUs);
-    encoder.setRun(false);
-    while (!encoder.isOver() && !encoder.isFailed())
-        QThread::usleep(kStartupPollUs);
     s.capture.reset();
+    encoder.finish();
 
     const qint64 duration = durationMs(s.startTime, s.endTime);
     qDebug() << "record MSecs:" << duration;

@@ -6,6 +6,7 @@
 #include "ffmpegplugin.h"
 
 class RecordThreadPrivate;
+struct RecordingSettings;
 
 // The plugin instance: keeps the recording settings, turns the host's calls into flags,
 // and runs one recording session per run of its own thread.
@@ -45,13 +46,17 @@ protected:
 
 private:
     struct Session;
-    void runSession();
+    void runSession(Session &s, const RecordingSettings &settings);
+    bool openMicrophone(Session &s);
+    bool stillWanted(const Session &s) const;
+    void waitWhileIdle(const Session &s, bool paused, bool needsComponent);
     void recordVideo(Session &s);
-    bool startBehindFirstFrame(Session &s);
+    void startBehindFirstFrame(Session &s);
     void stopVideo(Session &s);
     void stopAfterFailedOpen(Session &s);
     void recordAudioOnly(Session &s);
-    void announceStart(bool recording);
+    void answerStart(uint64_t generation, bool recording);
+    void answerLocked(uint64_t generation, bool recording);
 
     RecordThreadPrivate *d;
 };

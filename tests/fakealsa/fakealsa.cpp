@@ -21,7 +21,9 @@ struct Card {
     fakealsa::Capture capture;
     bool controlFails = false;
     int busyLeft = 0;
-    long reads = 0;                 // complete reads of this card
+    bool clockStarted = false;      // a stream has been started: the epoch is set
+    Clock::time_point epoch;        // when the card's frame 0 was captured
+    unsigned int rate = 48000;      // of the stream that set the epoch
     bool unplugged = false;
     Clock::time_point unpluggedAt;
 };
@@ -33,7 +35,11 @@ struct Model {
     std::vector<std::string> openAttempts;
     int opens = 0;
     int openHandles = 0;
-    long readsDelivered = 0;
+    long framesDelivered = 0;
+    int overruns = 0;
+    long framesLost = 0;
+    bool beeping = false;
+    fakealsa::Beeps beeps;
 };
 
 Model &model()
@@ -42,19 +48,54 @@ Model &model()
     return m;
 }
 
-// Whether the card is there now (an unplugged card comes back after its replug time).
+// Whether the card is there now: it goes at its unplug time and comes back after its
+// replug time as a new device. The caller holds the model's mutex.
 bool present(Card &c)
 {
+    const Clock::time_point now = Clock::now();
+    if (!c.unplugged && c.clockStarted && c.capture.unplugAfterMs >= 0
+        && now >= c.epoch + std::chrono::milliseconds(c.capture.unplugAfterMs)) {
+        c.unplugged = true;
+        c.unpluggedAt = c.epoch + std::chrono::milliseconds(c.capture.unplugAfterMs);
+    }
     if (!c.unplugged)
         return true;
     const long back = c.capture.replugAfterMs;
-    if (back >= 0 && Clock::now() - c.unpluggedAt >= std::chrono::milliseconds(back)) {
+    if (back >= 0 && now - c.unpluggedAt >= std::chrono::milliseconds(back)) {
         c.unplugged = false;
-        c.reads = 0;
-        c.capture.unplugAfterReads = -1;
+        c.clockStarted = false;
+        c.capture.unplugAfterMs = -1;
         return true;
     }
     return false;
+}
+
+// Card frames per steady second.
+double cardRate(const Card &c)
+{
+    return c.rate * (1.0 + c.capture.ppm * 1e-6);
+}
+
+// Frames the card has captured by `t` (none after its stall).
+long framesBy(const Card &c, Clock::time_point t)
+{
+    if (c.capture.stallAfterMs >= 0)
+        t = std::min(t, c.epoch + std::chrono::milliseconds(c.capture.stallAfterMs));
+    if (t <= c.epoch)
+        return 0;
+    return static_cast<long>(std::chrono::duration<double>(t - c.epoch).count() * cardRate(c));
+}
+
+// When the card has captured `frames` frames; never, for frames after its stall.
+Clock::time_point timeOfFrames(const Card &c, long frames)
+{
+    const auto t = c.epoch
+        + std::chrono::duration_cast<Clock::duration>(
+                       std::chrono::duration<double>(frames / cardRate(c)));
+    if (c.capture.stallAfterMs >= 0
+        && t > c.epoch + std::chrono::milliseconds(c.capture.stallAfterMs))
+        return Clock::time_point::max();
+    return t;
 }
 
 // Card index from "hw:N"; -1 if not such a name.
@@ -105,9 +146,11 @@ struct _snd_pcm {
     int card = -1;
     unsigned int rate = 48000;
     unsigned int channels = 1;
-    long position = 0;              // frames delivered since the stream started
-    bool running = false;           // started: a capture stream starts at its first read
-    Clock::time_point started;      // when the first frame began to be captured
+    enum State { Prepared, Running, Overrun } state = Prepared;
+    long readPos = 0;               // card frame of the next frame to deliver
+    bool started = false;           // the stream has run before
+    Clock::time_point nextOverrun;  // when the next planned overrun comes
+    bool lostFrames = false;        // the last stop was an overrun: frames are lost on restart
 };
 
 namespace fakealsa {
@@ -120,7 +163,10 @@ void reset()
     m.writes.clear();
     m.openAttempts.clear();
     m.opens = 0;
-    m.readsDelivered = 0;
+    m.framesDelivered = 0;
+    m.overruns = 0;
+    m.framesLost = 0;
+    m.beeping = false;
 }
 
 int addCard(const std::string &name, const std::vector<Element> &elements, const Capture &capture)
@@ -181,17 +227,58 @@ int pcmOpenHandles()
     return m.openHandles;
 }
 
-long readsDelivered()
+long framesDelivered()
 {
     Model &m = model();
     std::lock_guard<std::mutex> lock(m.mutex);
-    return m.readsDelivered;
+    return m.framesDelivered;
+}
+
+int overruns()
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    return m.overruns;
+}
+
+long framesLost()
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    return m.framesLost;
+}
+
+void setBeeps(const Beeps &beeps)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    m.beeping = true;
+    m.beeps = beeps;
 }
 
 short sampleAt(long frame, int channel, unsigned int rate, double frequency)
 {
     const double f = frequency * (channel + 1);
     return static_cast<short>(std::lround(12000.0 * std::sin(2 * M_PI * f * double(frame) / rate)));
+}
+
+// The sample card `c` captures at its frame `frame`, channel `channel`. The caller holds
+// the model's mutex.
+short cardSample(const Model &m, const Card &c, long frame, int channel)
+{
+    if (!m.beeping) {
+        return sampleAt(frame, c.capture.sameToneOnAllChannels ? 0 : channel, c.rate,
+                        c.capture.frequency);
+    }
+    // A beep is timed on the steady clock: when the frame was captured, not its number.
+    const double t = std::chrono::duration<double>(c.epoch - m.beeps.epoch).count()
+        + frame / cardRate(c);
+    const double period = m.beeps.periodMs / 1000.0;
+    const double intoPeriod = t - std::floor(t / period) * period;
+    if (t < 0 || intoPeriod >= m.beeps.lengthMs / 1000.0)
+        return 0;
+    return static_cast<short>(
+        std::lround(12000.0 * std::sin(2 * M_PI * m.beeps.frequency * intoPeriod)));
 }
 
 } // namespace fakealsa
@@ -560,8 +647,7 @@ int snd_pcm_hw_params(snd_pcm_t *pcm, snd_pcm_hw_params_t *params)
 
 int snd_pcm_prepare(snd_pcm_t *pcm)
 {
-    pcm->position = 0;
-    pcm->running = false;
+    pcm->state = _snd_pcm::Prepared;
     return 0;
 }
 
@@ -581,48 +667,126 @@ int snd_pcm_format_width(snd_pcm_format_t format)
     }
 }
 
+} // extern "C"
+
+namespace {
+
+// The device's buffer: more unread frames than this is an overrun, as on a real card.
+constexpr long kBufferMs = 1000;
+// A wait returns once this much is readable (a period).
+constexpr long kPeriodMs = 10;
+
+// Starts the stream at `now`; the caller holds the model's mutex.
+void startStream(Model &m, snd_pcm_t *pcm, Clock::time_point now)
+{
+    Card &c = m.cards.at(pcm->card);
+    if (!c.clockStarted) {
+        c.clockStarted = true;
+        c.epoch = now;
+        c.rate = pcm->rate;
+    }
+    // Nothing captured before the start is delivered; after an overrun the restart takes
+    // the planned loss before sound comes again.
+    const Clock::time_point from =
+        pcm->lostFrames ? now + std::chrono::milliseconds(c.capture.overrunLossMs) : now;
+    const long resumeAt = framesBy(c, from);
+    if (pcm->started)
+        m.framesLost += std::max(0L, resumeAt - pcm->readPos);
+    pcm->started = true;
+    pcm->readPos = resumeAt;
+    pcm->lostFrames = false;
+    pcm->state = _snd_pcm::Running;
+    if (c.capture.overrunEveryMs > 0)
+        pcm->nextOverrun = from + std::chrono::milliseconds(c.capture.overrunEveryMs);
+}
+
+// Frames readable now, or a negative error (-ENODEV unplugged, -EPIPE overrun); the
+// caller holds the model's mutex.
+long availableNow(Model &m, snd_pcm_t *pcm, Clock::time_point now)
+{
+    Card &c = m.cards.at(pcm->card);
+    if (!present(c))
+        return -ENODEV;
+    if (pcm->state == _snd_pcm::Prepared)
+        return 0;
+    if (pcm->state == _snd_pcm::Overrun)
+        return -EPIPE;
+    const long avail = framesBy(c, now) - pcm->readPos;
+    const bool planned = c.capture.overrunEveryMs > 0 && now >= pcm->nextOverrun;
+    if (planned || avail > pcm->rate * kBufferMs / 1000) {
+        pcm->state = _snd_pcm::Overrun;
+        pcm->lostFrames = planned;
+        ++m.overruns;
+        return -EPIPE;
+    }
+    return std::max(avail, 0L);
+}
+
+} // namespace
+
+extern "C" {
+
+int snd_pcm_start(snd_pcm_t *pcm)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    if (pcm->state != _snd_pcm::Prepared)
+        return -EBADFD;
+    startStream(m, pcm, Clock::now());
+    return 0;
+}
+
+snd_pcm_sframes_t snd_pcm_avail_update(snd_pcm_t *pcm)
+{
+    Model &m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    return availableNow(m, pcm, Clock::now());
+}
+
+int snd_pcm_wait(snd_pcm_t *pcm, int timeout)
+{
+    Model &m = model();
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout);
+    Clock::time_point ready;
+    {
+        std::lock_guard<std::mutex> lock(m.mutex);
+        const long avail = availableNow(m, pcm, Clock::now());
+        const long period = long(pcm->rate) * kPeriodMs / 1000;
+        if (avail < 0)
+            return static_cast<int>(avail);
+        if (avail >= period)
+            return 1;
+        ready = pcm->state == _snd_pcm::Running
+            ? timeOfFrames(m.cards.at(pcm->card), pcm->readPos + period)
+            : Clock::time_point::max();
+    }
+    std::this_thread::sleep_until(std::min(ready, deadline));
+    return ready <= deadline ? 1 : 0;
+}
+
+// Delivers what is readable, up to `size` frames, without blocking: the capture code
+// reads only what avail_update reported.
 snd_pcm_sframes_t snd_pcm_readi(snd_pcm_t *pcm, void *buffer, snd_pcm_uframes_t size)
 {
     Model &m = model();
-    double frequency;
-    long frames = static_cast<long>(size);
-    {
-        std::lock_guard<std::mutex> lock(m.mutex);
-        Card &c = m.cards.at(pcm->card);
-        if (!present(c))
-            return -ENODEV;
-        if (c.capture.unplugAfterReads >= 0 && c.reads >= c.capture.unplugAfterReads) {
-            c.unplugged = true;
-            c.unpluggedAt = Clock::now();
-            return -ENODEV;
-        }
-        if (c.capture.shortReadAfterReads >= 0 && c.reads == c.capture.shortReadAfterReads) {
-            c.capture.shortReadAfterReads = -1;
-            frames = frames / 2;
-        }
-        frequency = c.capture.frequency;
-    }
-    // As with ALSA's default start threshold, a prepared capture stream starts at its first
-    // read: nothing is captured before the program asks, so there is no backlog to catch up.
-    if (!pcm->running) {
-        pcm->running = true;
-        pcm->started = Clock::now();
-    }
-    // Real-time pace: the frames are there when the sound card would have them.
-    const auto due = pcm->started
-        + std::chrono::nanoseconds((pcm->position + frames) * 1000000000LL / pcm->rate);
-    std::this_thread::sleep_until(due);
+    std::lock_guard<std::mutex> lock(m.mutex);
+    const Clock::time_point now = Clock::now();
+    if (pcm->state == _snd_pcm::Prepared)
+        startStream(m, pcm, now); // as with ALSA's default start threshold
+    const long avail = availableNow(m, pcm, now);
+    if (avail < 0)
+        return avail;
+    const long frames = std::min(avail, static_cast<long>(size));
+    if (frames == 0)
+        return -EAGAIN;
+    const Card &c = m.cards.at(pcm->card);
     auto *out = static_cast<short *>(buffer);
     for (long f = 0; f < frames; ++f)
         for (unsigned int ch = 0; ch < pcm->channels; ++ch)
             out[f * pcm->channels + ch] =
-                fakealsa::sampleAt(pcm->position + f, static_cast<int>(ch), pcm->rate, frequency);
-    pcm->position += frames;
-    if (frames == static_cast<long>(size)) {
-        std::lock_guard<std::mutex> lock(m.mutex);
-        ++m.cards.at(pcm->card).reads;
-        ++m.readsDelivered;
-    }
+                fakealsa::cardSample(m, c, pcm->readPos + f, static_cast<int>(ch));
+    pcm->readPos += frames;
+    m.framesDelivered += frames;
     return frames;
 }
 

@@ -6,6 +6,7 @@
 // it in front of it (LD_PRELOAD, or linked into a program that then loads the plugin).
 // Thread-safe: the capture thread reads while the test scripts.
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -21,17 +22,33 @@ struct Element {
     std::vector<long> values;    // count values (missing ones read as 0)
 };
 
-// The card's capture device.
+// The card's capture device. Its sample clock runs from the first start of a stream on
+// the card: card frame n is captured at epoch + n / (rate x (1 + ppm / 1e6)).
 struct Capture {
     std::vector<unsigned int> rates{48000};     // granted: the nearest of these
     std::vector<unsigned int> channels{1, 2};   // accepted channel counts
     double frequency = 1000.0;   // channel c carries a sine of frequency x (c + 1) Hz
+    bool sameToneOnAllChannels = false; // every channel carries `frequency` (a microphone array)
+    double ppm = 0;              // the card's clock runs this much fast (+) or slow (-)
     int busyOpens = 0;           // this many opens fail with -EBUSY first
     int openError = 0;           // every open fails with this (negative errno) if set
-    long unplugAfterReads = -1;  // after this many complete reads the card is unplugged
+    long unplugAfterMs = -1;     // the card is unplugged this long after the epoch
     long replugAfterMs = -1;     // ...and back this long after it went (-1: never)
-    long shortReadAfterReads = -1; // this read (0-based) delivers half the frames asked
+    long stallAfterMs = -1;      // from this long after the epoch on, no frame comes (the
+                                 // device stays open and reports no error)
+    long overrunEveryMs = -1;    // an overrun (-EPIPE) every this long of a stream's capture...
+    long overrunLossMs = 200;    // ...after which a restarted stream delivers nothing for this long
 };
+
+// Beeps instead of a steady tone on every card: the signal is silent except for
+// `lengthMs` from every `periodMs` after `epoch` (steady clock), at `frequency` Hz.
+struct Beeps {
+    std::chrono::steady_clock::time_point epoch;
+    long periodMs = 2000;
+    long lengthMs = 50;
+    double frequency = 1000.0;
+};
+void setBeeps(const Beeps &beeps);
 
 void reset();
 // Adds a card (index = cards added before); returns its index.
@@ -55,10 +72,14 @@ std::vector<std::string> pcmOpenAttempts();
 int pcmOpens();
 // Currently open capture handles (leak check).
 int pcmOpenHandles();
-// Complete reads delivered.
-long readsDelivered();
+// Frames delivered by reads, all cards.
+long framesDelivered();
+// Overruns reported, all cards.
+int overruns();
+// Frames a restarted stream skipped (lost to overruns), all cards.
+long framesLost();
 
-// Sample the simulated microphone delivers at frame `frame` of channel `channel`.
+// Sample of the steady tone at card frame `frame` of channel `channel`.
 short sampleAt(long frame, int channel, unsigned int rate, double frequency);
 
 } // namespace fakealsa

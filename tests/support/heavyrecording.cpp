@@ -1,6 +1,7 @@
 #include "heavyrecording.h"
 
 #include <QRegularExpression>
+#include <algorithm>
 #include <sys/resource.h>
 #include <thread>
 
@@ -11,8 +12,11 @@
 NoiseCamera::NoiseCamera(int width, int height, int fps)
     : m_period(std::chrono::nanoseconds(1000000000LL / (fps > 0 ? fps : 1)))
 {
+    constexpr size_t kMaxNoiseBytes = size_t(200) << 20;
+    const size_t frameBytes = size_t(width) * height * 3;
+    const int distinct = int(std::clamp<size_t>(kMaxNoiseBytes / std::max<size_t>(frameBytes, 1), 2, 30));
     cv::RNG rng(7);
-    for (int i = 0; i < 30; ++i) {
+    for (int i = 0; i < distinct; ++i) {
         m_frames.emplace_back(height, width, CV_8UC3);
         rng.fill(m_frames.back(), cv::RNG::UNIFORM, 0, 256);
     }
@@ -62,7 +66,7 @@ HeavyRecordingReport recordHeavy(LoadedRecorder &rec, const std::string &file, i
             std::this_thread::sleep_until(t0 + length);
         }
         t1 = Clock::now();
-        // A writer far behind needs long to drain what is queued; nothing is dropped.
+        // A writer far behind drains at most one second of frames.
         r.stopped = rec.stopAndWait(std::chrono::minutes(30));
     });
     r.wallSeconds = std::chrono::duration<double>(t1 - t0).count();
@@ -71,6 +75,7 @@ HeavyRecordingReport recordHeavy(LoadedRecorder &rec, const std::string &file, i
 
     const QRegularExpression peak(QStringLiteral("at most (\\d+) video frames \\(([0-9.]+) MiB\\)"));
     const QRegularExpression lost(QStringLiteral("(\\d+) not made up"));
+    const QRegularExpression dropped(QStringLiteral("(\\d+) video frames dropped"));
     for (const QString &m : log.messages()) {
         const auto match = peak.match(m);
         if (match.hasMatch()) {
@@ -80,6 +85,9 @@ HeavyRecordingReport recordHeavy(LoadedRecorder &rec, const std::string &file, i
         const auto lostMatch = lost.match(m);
         if (lostMatch.hasMatch())
             r.framesNotMadeUp = lostMatch.captured(1).toLong();
+        const auto droppedMatch = dropped.match(m);
+        if (droppedMatch.hasMatch())
+            r.framesDropped = droppedMatch.captured(1).toLong();
     }
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);

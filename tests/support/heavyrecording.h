@@ -13,7 +13,8 @@ class LoadedRecorder;
 
 // A camera whose frames are noise, paced on a steady-clock schedule: every frame costs
 // the encoder the most it can, so the writer falls behind if anything does. The noise is
-// drawn up front; cycling through 30 frames defeats prediction as well as fresh noise.
+// drawn up front; cycling through up to 30 frames (fewer for large sizes, so that the
+// test's own memory stays small) defeats prediction as well as fresh noise.
 class NoiseCamera : public PluginComponent
 {
 public:
@@ -38,6 +39,7 @@ struct HeavyRecordingReport {
     long peakQueuedFrames = -1;      // as the encoder reported it (-1: not reported)
     double peakQueuedMiB = -1;       // pixels in those frames
     long framesNotMadeUp = -1;       // the feeder's count of frames lost to stalls over 1 s
+    long framesDropped = 0;          // the encoder's count of frames its full queue dropped
     std::vector<long> rssKiB;        // resident size at each sample while recording
     long peakRssKiB = 0;             // of the process so far
     // Resident size growth over the recording, MiB per minute.

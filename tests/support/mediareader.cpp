@@ -26,6 +26,7 @@ struct Decoders {
     SwrContext *swr = nullptr;
     AVFrame *frame = nullptr;
     AVPacket *pkt = nullptr;
+    bool keepPictures = true;
 
     ~Decoders()
     {
@@ -39,8 +40,24 @@ struct Decoders {
     }
 };
 
+// Mean of the luma plane of a planar YUV picture (the writer's format).
+double meanLuma(const AVFrame *f)
+{
+    double sum = 0;
+    for (int y = 0; y < f->height; ++y) {
+        const uint8_t *row = f->data[0] + y * f->linesize[0];
+        for (int x = 0; x < f->width; ++x)
+            sum += row[x];
+    }
+    return f->width && f->height ? sum / (double(f->width) * f->height) : 0;
+}
+
 void takePicture(Decoders &d, const AVFrame *f, MediaFile &out)
 {
+    out.frameBrightness.push_back(meanLuma(f));
+    out.framePts.push_back(f->pts == AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts);
+    if (!d.keepPictures)
+        return;
     d.sws = sws_getCachedContext(d.sws, f->width, f->height, static_cast<AVPixelFormat>(f->format),
                                  f->width, f->height, AV_PIX_FMT_BGR24, SWS_POINT, nullptr,
                                  nullptr, nullptr);
@@ -51,12 +68,14 @@ void takePicture(Decoders &d, const AVFrame *f, MediaFile &out)
     const int dstStride[1] = {static_cast<int>(room.step)};
     sws_scale(d.sws, f->data, f->linesize, 0, f->height, dst, dstStride);
     out.frames.push_back(room(cv::Rect(0, 0, f->width, f->height)).clone());
-    out.framePts.push_back(f->pts == AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts);
 }
 
-void takeSamples(Decoders &d, const AVFrame *f, MediaFile &out)
+void takeSamples(Decoders &d, const AVFrame *f, AVRational timeBase, MediaFile &out)
 {
     if (!d.swr) {
+        const int64_t pts = f->pts == AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts;
+        if (pts != AV_NOPTS_VALUE)
+            out.audioStartSeconds = pts * av_q2d(timeBase);
         AVChannelLayout layout = f->ch_layout; // 5.1 takes the layouts non-const
         swr_alloc_set_opts2(&d.swr, &layout, AV_SAMPLE_FMT_S16, f->sample_rate, &layout,
                             static_cast<AVSampleFormat>(f->format), f->sample_rate, 0, nullptr);
@@ -78,7 +97,7 @@ void receiveAll(Decoders &d, AVCodecContext *c, MediaFile &out)
         if (c->codec_type == AVMEDIA_TYPE_VIDEO)
             takePicture(d, d.frame, out);
         else
-            takeSamples(d, d.frame, out);
+            takeSamples(d, d.frame, c->pkt_timebase, out);
         av_frame_unref(d.frame);
     }
 }
@@ -159,10 +178,12 @@ double MediaFile::audioSeconds() const
     return double(samples.size()) / audioChannels / audioSampleRate;
 }
 
-bool readMediaFile(const std::string &path, MediaFile &out, std::string *error, bool decodePictures)
+bool readMediaFile(const std::string &path, MediaFile &out, std::string *error, bool decodePictures,
+                   bool keepPictures)
 {
     out = MediaFile();
     Decoders d;
+    d.keepPictures = keepPictures;
     int ret = avformat_open_input(&d.fmt, path.c_str(), nullptr, nullptr);
     if (ret < 0) {
         if (error)

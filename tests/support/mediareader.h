@@ -34,6 +34,8 @@ struct MediaFile {
     std::vector<int> packetStreamOrder; // stream index of every packet in file order
     std::vector<cv::Mat> frames;      // decoded pictures, CV_8UC3 BGR, display order
     std::vector<int64_t> framePts;    // their pts in the video stream's time base
+    std::vector<double> frameBrightness; // their mean luma, 0-255 (kept also without pictures)
+    double audioStartSeconds = 0;     // pts of the first decoded sample
     std::vector<int16_t> samples;     // decoded audio, interleaved S16
     int audioChannels = 0, audioSampleRate = 0;
 
@@ -45,9 +47,11 @@ struct MediaFile {
     double audioSeconds() const;
 };
 
-// false (and *error set) when the file cannot be opened or read.
+// false (and *error set) when the file cannot be opened or read. Without
+// `keepPictures` the pictures are decoded for their brightness and times only, so that
+// long recordings fit in memory.
 bool readMediaFile(const std::string &path, MediaFile &out, std::string *error = nullptr,
-                   bool decodePictures = true);
+                   bool decodePictures = true, bool keepPictures = true);
 
 // The dominant frequency in Hz of one channel of interleaved S16 samples.
 double dominantFrequency(const std::vector<int16_t> &interleaved, int channels, int channel,

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <vector>
 
 #include <opencv2/core.hpp>
 
@@ -49,6 +50,33 @@ public:
     std::atomic<int> begins{0};
     std::atomic<int> ends{0};
     std::atomic<int> asked{0};
+};
+
+// A camera that cycles through pre-rendered synthetic frames, so that drawing them costs
+// nothing while a recording is measured; paced on a steady-clock schedule.
+class PrerenderedCamera : public PluginComponent
+{
+public:
+    static constexpr int kFrames = 30;
+    PrerenderedCamera(int w, int h, int fps);
+    void beginUse() override {}
+    bool getFrame(cv::Mat &frame) override
+    {
+        if (m_next == 0)
+            m_start = std::chrono::steady_clock::now();
+        std::this_thread::sleep_until(m_start + m_period * m_next);
+        frame = m_frames[m_next % kFrames];
+        ++m_next;
+        return true;
+    }
+    void endUse() override {}
+    const std::vector<cv::Mat> &frames() const { return m_frames; }
+
+private:
+    const std::chrono::steady_clock::duration m_period;
+    std::chrono::steady_clock::time_point m_start;
+    long m_next = 0;
+    std::vector<cv::Mat> m_frames;
 };
 
 #endif // TESTCAMERAS_H
