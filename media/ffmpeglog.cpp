@@ -26,7 +26,7 @@ struct PendingLine {
 
 thread_local PendingLine t_line{{}, 0, AV_LOG_INFO, 1};
 
-// AV_LOG_* levels to Qt's message types; below warning is debug (verbose, debug, trace).
+// AV_LOG_* levels to Qt's message types: verbose, debug and trace are all Qt's debug.
 void emitLine(int level, const char *text)
 {
     if (level <= AV_LOG_ERROR)
