@@ -5,6 +5,8 @@
 #include <cstring>
 #include <vector>
 
+#include "ffmpeglog.h"
+
 extern "C" {
 #include <libavutil/audio_fifo.h>
 #include <libavfilter/buffersink.h>
@@ -287,6 +289,7 @@ int FFmpegApi::openResampler(int inputChannels)
 int FFmpegApi::open(char *filename, int videoBitrate, int fps, int width, int height,
                     int audioChannel, int audioSampleRate)
 {
+    ffmpeglog::route();
     m_filename = filename;
     m_writeFailed = false;
     m_width = width;

@@ -8,6 +8,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "ffmpeglog.h"
 #include "filtergraph.h"
 
 namespace {
@@ -187,6 +188,7 @@ int filterAndEncode(Snapshot &s)
 
 int saveJpeg(const JpegWriterKind &kind, cv::Mat &img, int n)
 {
+    ffmpeglog::route();
     Snapshot s;
     // Only a picture the converter can read is taken.
     if (img.empty() || img.type() != CV_8UC3)

@@ -4,6 +4,7 @@
 #include "audio/audiocapturethread.h"
 #include "encode/ffmpegencode.h"
 #include "encode/videodatathread.h"
+#include "media/ffmpeglog.h"
 
 #include <QDateTime>
 
@@ -77,6 +78,7 @@ RecordThread::RecordThread(QObject *parent)
     : QThread(parent)
     , d(new RecordThreadPrivate)
 {
+    ffmpeglog::route();
 }
 
 RecordThread::~RecordThread()

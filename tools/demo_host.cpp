@@ -1,5 +1,6 @@
 // A camera application in miniature: loads the recording plugin with QPluginLoader,
 // hands it a frame source and records a clip, then says what it made.
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
@@ -8,12 +9,14 @@
 #include <QStringList>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 #include <opencv2/videoio.hpp>
 
@@ -22,6 +25,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include "commandline.h"
 #include "ffmpegplugin.h"
 #include "media/ffmpegapi.h"
 #include "syntheticcamera.h"
@@ -45,79 +49,72 @@ struct Options {
     QString device;
 };
 
-void usage()
-{
-    std::puts(
-        "usage: demo_host [options]\n"
-        "  --out FILE         output file; its extension picks the container (demo.mp4)\n"
-        "  --size WxH         recording size (1280x720)\n"
-        "  --fps N            recording frame rate (30)\n"
-        "  --camera-fps N     synthetic camera rate (30)\n"
-        "  --bitrate N        video bit rate in bit/s (2000000)\n"
-        "  --seconds S        how long to record (5)\n"
-        "  --no-video | --no-audio\n"
-        "  --pause-at S --resume-at S   pause and resume points, seconds into the recording\n"
-        "  --snapshot-at S    queue the camera frame at S seconds to the snapshot thread\n"
-        "                     (written to /tmp/IMG_13.jpg; needs cur_use_logo.png here)\n"
-        "  --device /dev/videoN   record a real V4L2 camera instead of the synthetic one\n"
-        "  --plugin PATH      the plugin library to load");
-}
+// Bounds of the options' values.
+constexpr double kMaxSeconds = 24 * 3600;
+constexpr int kMaxFps = 1000;                 // the recorder holds higher rates at this
+constexpr long long kMaxBitrate = 200000000;  // bit/s
 
-bool parse(int argc, char **argv, Options &o)
+Options parseOptions()
 {
-    const QStringList args = QCoreApplication::arguments();
-    for (int i = 1; i < args.size(); ++i) {
-        const QString &a = args[i];
-        auto value = [&](QString &v) {
-            if (i + 1 >= args.size())
-                return false;
-            v = args[++i];
-            return true;
-        };
-        QString v;
-        if (a == "--no-video") {
-            o.video = false;
-        } else if (a == "--no-audio") {
-            o.audio = false;
-        } else if (a == "--help" || a == "-h") {
-            return false;
-        } else if (!value(v)) {
-            std::fprintf(stderr, "demo_host: unknown or incomplete option %s\n", qPrintable(a));
-            return false;
-        } else if (a == "--out") {
-            o.out = v;
-        } else if (a == "--size") {
-            const QStringList wh = v.split('x');
-            if (wh.size() != 2)
-                return false;
-            o.width = wh[0].toLong();
-            o.height = wh[1].toLong();
-        } else if (a == "--fps") {
-            o.fps = v.toInt();
-        } else if (a == "--camera-fps") {
-            o.cameraFps = v.toDouble();
-        } else if (a == "--bitrate") {
-            o.bitrate = v.toUInt();
-        } else if (a == "--seconds") {
-            o.seconds = v.toDouble();
-        } else if (a == "--pause-at") {
-            o.pauseAt = v.toDouble();
-        } else if (a == "--resume-at") {
-            o.resumeAt = v.toDouble();
-        } else if (a == "--snapshot-at") {
-            o.snapshotAt = v.toDouble();
-        } else if (a == "--device") {
-            o.device = v;
-        } else if (a == "--plugin") {
-            o.plugin = v;
-        } else {
-            std::fprintf(stderr, "demo_host: unknown option %s\n", qPrintable(a));
-            return false;
-        }
-    }
-    (void)argc;
-    (void)argv;
-    return true;
+    QCommandLineParser p;
+    p.addOptions({
+        {QStringLiteral("out"),
+         QStringLiteral("Output file; its extension picks the container (demo.mp4)."),
+         QStringLiteral("FILE")},
+        {QStringLiteral("size"), QStringLiteral("Recording size (1280x720)."),
+         QStringLiteral("WxH")},
+        {QStringLiteral("fps"), QStringLiteral("Recording frame rate (30)."), QStringLiteral("N")},
+        {QStringLiteral("camera-fps"),
+         QStringLiteral("Synthetic camera rate; 0: a new frame whenever asked (30)."),
+         QStringLiteral("N")},
+        {QStringLiteral("bitrate"), QStringLiteral("Video bit rate in bit/s (2000000)."),
+         QStringLiteral("N")},
+        {QStringLiteral("seconds"), QStringLiteral("How long to record (5)."), QStringLiteral("S")},
+        {QStringLiteral("no-video"), QStringLiteral("Record sound only.")},
+        {QStringLiteral("no-audio"), QStringLiteral("Record video only.")},
+        {QStringLiteral("pause-at"), QStringLiteral("Pause S seconds into the recording."),
+         QStringLiteral("S")},
+        {QStringLiteral("resume-at"), QStringLiteral("Resume S seconds into the recording."),
+         QStringLiteral("S")},
+        {QStringLiteral("snapshot-at"),
+         QStringLiteral("Queue the camera frame at S seconds to the snapshot thread (written "
+                        "to /tmp/IMG_13.jpg; needs cur_use_logo.png here)."),
+         QStringLiteral("S")},
+        {QStringLiteral("device"),
+         QStringLiteral("Record a real V4L2 camera instead of the synthetic one."),
+         QStringLiteral("/dev/videoN")},
+        {QStringLiteral("plugin"), QStringLiteral("The plugin library to load."),
+         QStringLiteral("PATH")},
+    });
+    commandline::parseOrExit(
+        p, QStringLiteral("Records a clip through the recording plugin, as a camera "
+                          "application does.\nFFmpeg's detail: "
+                          "QT_LOGGING_RULES=\"kwrecorder.ffmpeg.info=true\"."));
+    Options o;
+    if (p.isSet(QStringLiteral("out")))
+        o.out = p.value(QStringLiteral("out"));
+    commandline::Size size{int(o.width), int(o.height)};
+    commandline::readSize(p, QStringLiteral("size"), size);
+    o.width = size.first;
+    o.height = size.second;
+    commandline::readInteger(p, QStringLiteral("fps"), o.fps, 1, kMaxFps);
+    commandline::readNumber(p, QStringLiteral("camera-fps"), o.cameraFps, 0, kMaxFps);
+    commandline::readInteger(p, QStringLiteral("bitrate"), o.bitrate, 1, kMaxBitrate);
+    commandline::readNumber(p, QStringLiteral("seconds"), o.seconds, 0.1, kMaxSeconds);
+    o.video = !p.isSet(QStringLiteral("no-video"));
+    o.audio = !p.isSet(QStringLiteral("no-audio"));
+    commandline::readNumber(p, QStringLiteral("pause-at"), o.pauseAt, 0, kMaxSeconds);
+    commandline::readNumber(p, QStringLiteral("resume-at"), o.resumeAt, 0, kMaxSeconds);
+    commandline::readNumber(p, QStringLiteral("snapshot-at"), o.snapshotAt, 0, kMaxSeconds);
+    if (p.isSet(QStringLiteral("device")))
+        o.device = p.value(QStringLiteral("device"));
+    if (p.isSet(QStringLiteral("plugin")))
+        o.plugin = p.value(QStringLiteral("plugin"));
+    if (!o.video && !o.audio)
+        commandline::usageError(QStringLiteral("--no-video and --no-audio leave nothing to record"));
+    if (o.resumeAt >= 0 && (o.pauseAt < 0 || o.resumeAt < o.pauseAt))
+        commandline::usageError(QStringLiteral("--resume-at needs a --pause-at no later than it"));
+    return o;
 }
 
 // A real camera through OpenCV's V4L2 capture.
@@ -146,6 +143,60 @@ private:
     cv::VideoCapture m_cap;
     mutable std::mutex m_lastMutex;
     cv::Mat m_last;
+};
+
+// Recordings at most this long show no progress, seconds.
+constexpr double kQuietUpToSeconds = 3;
+// Progress period on a terminal (the line is rewritten) and elsewhere (a line each), seconds.
+constexpr double kTerminalPeriod = 0.5;
+constexpr double kPlainPeriod = 5;
+
+// The recording's elapsed time and file size on standard output; main thread only.
+// On a terminal one line is rewritten in place, elsewhere a line is printed each period.
+class ProgressLine
+{
+public:
+    ProgressLine(const QString &file, double seconds)
+        : m_file(file)
+        , m_seconds(seconds)
+        , m_on(seconds > kQuietUpToSeconds)
+        , m_terminal(isatty(STDOUT_FILENO) == 1)
+        , m_period(m_terminal ? kTerminalPeriod : kPlainPeriod)
+        , m_next(m_terminal ? 0 : kPlainPeriod)
+    {
+    }
+
+    // Shows the state at `elapsed` seconds into the recording once a period has passed.
+    void update(double elapsed, bool paused)
+    {
+        if (!m_on || elapsed < m_next)
+            return;
+        m_next = (std::floor(elapsed / m_period) + 1) * m_period;
+        const double mib = double(QFileInfo(m_file).size()) / (1024.0 * 1024.0);
+        // "\033[K" clears what a longer line before left on the terminal.
+        std::printf(m_terminal ? "\r  %.1f s of %g s, %.1f MiB written%s\033[K"
+                               : "  %.1f s of %g s, %.1f MiB written%s\n",
+                    elapsed, m_seconds, mib, paused ? " (paused)" : "");
+        std::fflush(stdout);
+        m_open = m_terminal;
+    }
+
+    // Ends a line left open on the terminal, so that other output starts on its own.
+    void breakLine()
+    {
+        if (m_open)
+            std::putchar('\n');
+        m_open = false;
+    }
+
+private:
+    const QString m_file;
+    const double m_seconds;   // the recording's planned length
+    const bool m_on;          // the recording is long enough to show progress
+    const bool m_terminal;    // standard output is a terminal
+    const double m_period;    // seconds between updates
+    double m_next;            // elapsed seconds at which the next update is due
+    bool m_open = false;      // a rewritten line is on the terminal without its newline
 };
 
 // Prints the streams, duration and size of the file; false when it cannot be read.
@@ -188,11 +239,7 @@ bool printSummary(const QString &path)
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    Options o;
-    if (!parse(argc, argv, o)) {
-        usage();
-        return 2;
-    }
+    const Options o = parseOptions();
 
     std::unique_ptr<PluginComponent> camera;
     SyntheticCamera *synthetic = nullptr;
@@ -255,7 +302,7 @@ int main(int argc, char **argv)
     const auto start = Clock::now();
     auto at = [&](double s) { return start + std::chrono::milliseconds(long(s * 1000)); };
     bool paused = false, resumed = false, snapped = false;
-    int lastReport = 0;
+    ProgressLine progress(o.out, o.seconds);
     for (;;) {
         const auto now = Clock::now();
         const double t = std::chrono::duration<double>(now - start).count();
@@ -263,29 +310,27 @@ int main(int argc, char **argv)
             break;
         if (o.pauseAt >= 0 && !paused && now >= at(o.pauseAt)) {
             paused = recorder->bPauseRec();
+            progress.breakLine();
             std::printf("paused at %.1f s\n", t);
         }
         if (paused && !resumed && o.resumeAt >= 0 && now >= at(o.resumeAt)) {
             resumed = recorder->bResumeRec();
+            progress.breakLine();
             std::printf("resumed at %.1f s\n", t);
         }
         if (o.snapshotAt >= 0 && !snapped && now >= at(o.snapshotAt)) {
             cv::Mat frame = synthetic ? synthetic->lastFrame() : v4l2->lastFrame();
             if (!frame.empty()) {
                 FilterThread::instance()->start(frame.clone());
+                progress.breakLine();
                 std::printf("snapshot queued at %.1f s (/tmp/IMG_13.jpg)\n", t);
             }
             snapped = true;
         }
-        if (int(t) > lastReport) {
-            lastReport = int(t);
-            std::printf("  %d s  recording=%s%s\n", lastReport,
-                        recorder->isRecording() ? "yes" : "no",
-                        paused && !resumed ? " (paused)" : "");
-            std::fflush(stdout);
-        }
+        progress.update(t, paused && !resumed);
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    progress.breakLine();
 
     recorder->stopRecord();
     std::printf("stopping...\n");

@@ -2,11 +2,18 @@
 
 #include <QtGlobal>
 #include <cstdio>
+#include <vector>
 
 namespace {
 
+struct Message {
+    QtMsgType type;
+    QString category;
+    QString text;
+};
+
 std::mutex g_mutex;            // guards g_messages and g_previous
-QStringList g_messages;        // messages since the collector was made
+std::vector<Message> g_messages; // messages since the collector was made
 QtMessageHandler g_previous = nullptr;
 
 void collect(QtMsgType type, const QMessageLogContext &context, const QString &message)
@@ -14,7 +21,7 @@ void collect(QtMsgType type, const QMessageLogContext &context, const QString &m
     QtMessageHandler previous;
     {
         std::lock_guard<std::mutex> lock(g_mutex);
-        g_messages.append(message);
+        g_messages.push_back({type, QString::fromUtf8(context.category), message});
         previous = g_previous;
     }
     // Still shown, so a failing test's log tells the story.
@@ -41,14 +48,28 @@ QtMessageCollector::~QtMessageCollector()
 QStringList QtMessageCollector::messages() const
 {
     std::lock_guard<std::mutex> lock(g_mutex);
-    return g_messages;
+    QStringList texts;
+    for (const Message &m : g_messages)
+        texts.append(m.text);
+    return texts;
+}
+
+QStringList QtMessageCollector::messages(const QString &category, QtMsgType type) const
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    QStringList texts;
+    for (const Message &m : g_messages) {
+        if (m.category == category && m.type == type)
+            texts.append(m.text);
+    }
+    return texts;
 }
 
 int QtMessageCollector::count(const QString &text) const
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     int n = 0;
-    for (const QString &m : g_messages)
-        n += m.contains(text) ? 1 : 0;
+    for (const Message &m : g_messages)
+        n += m.text.contains(text) ? 1 : 0;
     return n;
 }

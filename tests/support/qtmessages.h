@@ -3,6 +3,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <QtGlobal>
 #include <mutex>
 
 // Collects every Qt debug/warning message of the process while it lives (any thread),
@@ -16,6 +17,8 @@ public:
     QtMessageCollector &operator=(const QtMessageCollector &) = delete;
 
     QStringList messages() const;
+    // The messages of one logging category and type.
+    QStringList messages(const QString &category, QtMsgType type) const;
     // Number of messages that contain `text`.
     int count(const QString &text) const;
 };
