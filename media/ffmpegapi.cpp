@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 #include <vector>
 
 #include "ffmpeglog.h"
+#include "periodicsync.h"
+#include "standardmp4.h"
 
 extern "C" {
 #include <libavutil/audio_fifo.h>
@@ -25,6 +28,16 @@ constexpr int kGopSize = 12;
 constexpr int64_t kAudioBitrate = 64000;
 // Block size used when the audio encoder takes frames of any size.
 constexpr int kDefaultAudioFrameSize = 1024;
+// Longest fragment of a recoverable MP4, microseconds. frag_keyframe closes one at every
+// key frame (kGopSize frames: under a second from 12 fps up); frag_duration closes one
+// at the first packet this long after the fragment's first, key frame or not, which
+// covers 1-11 fps (at 1 fps every fragment is one frame). With sound, packets come every
+// ~21 ms, so a fragment ends within this plus 21 ms at any frame rate.
+constexpr int64_t kFragmentUs = 1000000;
+// Cluster time limit of a recoverable Matroska file, milliseconds. The muxer holds a
+// cluster in memory until a packet comes more than this after its start: 999 closes one
+// at the first packet a second or more after it (times are whole milliseconds).
+constexpr int64_t kClusterMs = 999;
 
 void freeOutputStream(OutputStream *ost)
 {
@@ -142,7 +155,10 @@ int fill_yuv_image(AVFrame *frame, int width, int height, cv::Mat &img)
     return 0;
 }
 
-FFmpegApi::FFmpegApi() = default;
+FFmpegApi::FFmpegApi()
+    : m_sync(std::make_unique<PeriodicSync>())
+{
+}
 
 FFmpegApi::~FFmpegApi()
 {
@@ -154,6 +170,7 @@ FFmpegApi::~FFmpegApi()
 // Frees the container, the encoders, the frames and the graph; safe to call twice.
 void FFmpegApi::release()
 {
+    m_sync->stop();
     avfilter_graph_free(&filter_graph);
     buffersrc_ctx = nullptr;
     buffersink_ctx = nullptr;
@@ -291,6 +308,8 @@ int FFmpegApi::open(char *filename, int videoBitrate, int fps, int width, int he
 {
     ffmpeglog::route();
     m_filename = filename;
+    m_path = filename ? filename : "";
+    m_fragmented = false;
     m_writeFailed = false;
     m_width = width;
     m_height = height;
@@ -364,6 +383,8 @@ int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSamp
     }
     AVDictionary *headerOptions = nullptr;
     av_dict_copy(&headerOptions, options, 0);
+    if (m_writeMode != WriteMode::IndexAtEnd)
+        setRecoverableOptions(&headerOptions);
     const int ret = avformat_write_header(oc, &headerOptions);
     av_dict_free(&headerOptions);
     if (ret < 0) {
@@ -371,7 +392,27 @@ int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSamp
         return -1;
     }
     m_headerWritten = true;
+    // Devices and protocol outputs are not regular files: start() refuses them.
+    if (m_writeMode != WriteMode::IndexAtEnd && !(fmt->flags & AVFMT_NOFILE))
+        m_sync->start(m_path);
     return 0;
+}
+
+void FFmpegApi::setRecoverableOptions(AVDictionary **muxerOptions)
+{
+    // Every packet goes to the kernel as it is written, not in 32 KiB blocks.
+    av_dict_set(muxerOptions, "flush_packets", "1", 0);
+    const std::string name = fmt->name;
+    if (name == "mp4" || name == "mov") {
+        // delay_moov: the header waits for the first fragment, so it knows the sound's
+        // negative first time (the encoder's priming) and does not move the sound late.
+        av_dict_set(muxerOptions, "movflags",
+                    "frag_keyframe+empty_moov+default_base_moof+delay_moov", 0);
+        av_dict_set_int(muxerOptions, "frag_duration", kFragmentUs, 0);
+        m_fragmented = true;
+    } else if (name == "matroska" || name == "webm") {
+        av_dict_set_int(muxerOptions, "cluster_time_limit", kClusterMs, 0);
+    }
 }
 
 // A full disk or a vanished device fails every packet after the first: the user is told
@@ -587,6 +628,8 @@ void FFmpegApi::flush()
 {
     if (!oc)
         return;
+    m_sync->stop();
+    bool complete = false; // the trailer is written and the file closed without an error
     // Drain what the encoders still hold: without it the last audio block is lost.
     if (m_headerWritten) {
         if (m_hasVideo && video_st.enc)
@@ -598,8 +641,46 @@ void FFmpegApi::flush()
         const int ret = av_write_trailer(oc);
         if (ret < 0)
             reportWriteError("Error writing the file trailer", ret);
+        complete = closeOutput() == 0 && ret >= 0;
     }
     release();
+    if (complete)
+        finishFile();
+}
+
+// Closes the output file, flushing what is still buffered; 0 or the error, told once.
+int FFmpegApi::closeOutput()
+{
+    if ((fmt->flags & AVFMT_NOFILE) || !oc->pb)
+        return 0;
+    const int ret = avio_closep(&oc->pb);
+    if (ret < 0)
+        reportWriteError("Error closing the output file", ret);
+    return ret < 0 ? ret : 0;
+}
+
+// A cleanly written recoverable file: a fragmented MP4 is rewritten as a standard one,
+// any other is synced once more so that its end reaches the disk too.
+void FFmpegApi::finishFile()
+{
+    if (m_writeMode == WriteMode::IndexAtEnd)
+        return;
+    // A device or a file gone with its directory has nothing to finish (the encoder
+    // reports a vanished file).
+    struct stat st;
+    if (stat(m_path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+        return;
+    if (m_fragmented && m_writeMode == WriteMode::RecoverableThenStandard) {
+        std::string error;
+        if (!rewriteAsStandardMp4(m_path, &error))
+            fprintf(stderr,
+                    "Could not rewrite %s as a standard MP4: %s. The fragmented file is kept; "
+                    "it plays as it is.\n",
+                    m_path.c_str(), error.c_str());
+        return;
+    }
+    if (const int err = syncPath(m_path))
+        fprintf(stderr, "Syncing %s to the disk failed: %s\n", m_path.c_str(), strerror(err));
 }
 
 void FFmpegApi::test()

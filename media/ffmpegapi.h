@@ -8,6 +8,8 @@
 #include <condition_variable>
 #include <mutex>
 #include <opencv2/core/mat.hpp>
+#include <memory>
+#include <string>
 
 #include "audioblock.h"
 #include "threadexit.h"
@@ -20,6 +22,7 @@ extern "C" {
 }
 
 struct AVAudioFifo;
+class PeriodicSync;
 struct AVFilterContext;
 struct AVFilterGraph;
 struct SwrContext;
@@ -65,11 +68,26 @@ int add_stream(OutputStream *ost, AVFormatContext *oc, const AVCodec **codec, AV
 int fill_yuv_image(AVFrame *frame, int width, int height, cv::Mat &img);
 
 // The media writer: one object writes one file, used by one thread at a time.
-// Order of use: setHasVideo/setHasAudio, open, then write_video/write_audio as
-// encodeVideo() says, then flush exactly once.
+// Order of use: setHasVideo/setHasAudio (and setWriteMode), open, then
+// write_video/write_audio as encodeVideo() says, then flush exactly once.
 class FFmpegApi
 {
 public:
+    // How the container is laid out and when its bytes reach the disk.
+    enum class WriteMode {
+        // The index is written at flush; until then an MP4 is unreadable. The reference
+        // the others are measured against.
+        IndexAtEnd,
+        // The file plays up to about the last second at any moment while it is written:
+        // an MP4/MOV is fragmented (a fragment at least every second), Matroska clusters
+        // close every second, every packet goes to the kernel as it is written and the
+        // file is synced to the disk every PeriodicSync::kPeriod. flush leaves it so.
+        Recoverable,
+        // Recoverable while recording; flush rewrites a fragmented MP4/MOV as a standard
+        // one (rewriteAsStandardMp4). The default.
+        RecoverableThenStandard,
+    };
+
     FFmpegApi();
     // Releases whatever a failed open built, or an open writer never flushed.
     ~FFmpegApi();
@@ -80,6 +98,8 @@ public:
     bool hasVideo() const { return m_hasVideo; }
     void setHasAudio(bool on) { m_hasAudio = on; }
     bool hasAudio() const { return m_hasAudio; }
+    void setWriteMode(WriteMode mode) { m_writeMode = mode; }
+    WriteMode writeMode() const { return m_writeMode; }
 
     // 0, or -1 after a message naming what failed.
     int open(char *filename, int videoBitrate, int fps, int width, int height,
@@ -106,7 +126,9 @@ public:
     void setDriftCorrection(bool on) { m_driftCorrection = on; }
     // Samples per channel out of the resampler so far: the sound's timeline, 1/rate.
     int64_t audioSamplesOut() const { return audio_st.next_pts; }
-    // Drains both encoders, writes the trailer and releases everything.
+    // Drains both encoders, writes the trailer and releases everything; in
+    // RecoverableThenStandard mode a fragmented MP4/MOV is then rewritten as a standard
+    // one (or, when that fails, kept as it is after a message saying why).
     void flush();
     AVFrame *alloc_audio_frame(AVSampleFormat sample_fmt, const AVChannelLayout *channel_layout,
                                int sample_rate, int nb_samples);
@@ -131,6 +153,9 @@ private:
     bool reserveResamplerOutput(int samples);
     int encodeAudioFifo(bool all);
     void drainAudio();
+    void setRecoverableOptions(AVDictionary **muxerOptions);
+    int closeOutput();
+    void finishFile();
     int encodeAndWrite(OutputStream *ost, AVFrame *frame);
     void reportWriteError(const char *what, int error);
     // The video frame filled from `img` with the next timestamp, or null when `img` cannot
@@ -159,6 +184,10 @@ private:
     AVFilterGraph *filter_graph = nullptr;
     bool m_headerWritten = false; // a trailer is owed
     bool m_writeFailed = false;   // a packet could not be written: told once, not per packet
+    WriteMode m_writeMode = WriteMode::RecoverableThenStandard;
+    std::string m_path;           // the output's name, kept from open for flush
+    bool m_fragmented = false;    // the output is a fragmented MP4/MOV
+    std::unique_ptr<PeriodicSync> m_sync; // syncs a Recoverable output while it is written
 };
 
 // The process-wide snapshot thread: frames queued from any thread are written to

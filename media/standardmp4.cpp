@@ -1,0 +1,186 @@
+#include "standardmp4.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+#include "periodicsync.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/error.h>
+}
+
+namespace {
+
+// Both files of one rewrite. Each step returns false after setting `error`.
+struct Rewrite {
+    std::string path;                 // the fragmented file, replaced at the end
+    std::string temp;                 // the standard file while it is written
+    AVFormatContext *in = nullptr;    // owned
+    AVFormatContext *out = nullptr;   // owned; its pb is open while tempOpen
+    bool tempOpen = false;            // the temporary file exists and is ours to remove
+    std::string error;
+
+    ~Rewrite()
+    {
+        avformat_close_input(&in);
+        if (out) {
+            avio_closep(&out->pb);
+            avformat_free_context(out);
+        }
+    }
+
+    bool fail(const std::string &step, int avError)
+    {
+        char text[AV_ERROR_MAX_STRING_SIZE] = {0};
+        av_strerror(avError, text, sizeof text);
+        error = step + ": " + text;
+        return false;
+    }
+};
+
+std::string directoryOf(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+bool openInput(Rewrite &r)
+{
+    int ret = avformat_open_input(&r.in, r.path.c_str(), nullptr, nullptr);
+    if (ret < 0)
+        return r.fail("opening " + r.path, ret);
+    ret = avformat_find_stream_info(r.in, nullptr);
+    if (ret < 0)
+        return r.fail("reading the streams of " + r.path, ret);
+    return true;
+}
+
+// The muxer the name asks for: MOV for ".mov", MP4 for everything else.
+const AVOutputFormat *muxerFor(const std::string &path)
+{
+    const AVOutputFormat *guessed = av_guess_format(nullptr, path.c_str(), nullptr);
+    if (guessed && strcmp(guessed->name, "mov") == 0)
+        return guessed;
+    return av_guess_format("mp4", nullptr, nullptr);
+}
+
+bool createOutput(Rewrite &r)
+{
+    int ret = avformat_alloc_output_context2(&r.out, muxerFor(r.path), nullptr, r.temp.c_str());
+    if (ret < 0)
+        return r.fail("setting up " + r.temp, ret);
+    for (unsigned i = 0; i < r.in->nb_streams; ++i) {
+        const AVStream *from = r.in->streams[i];
+        AVStream *to = avformat_new_stream(r.out, nullptr);
+        if (!to)
+            return r.fail("adding stream " + std::to_string(i), AVERROR(ENOMEM));
+        ret = avcodec_parameters_copy(to->codecpar, from->codecpar);
+        if (ret < 0)
+            return r.fail("copying the parameters of stream " + std::to_string(i), ret);
+        // The tag is the input's choice; the muxer picks its own for the codec.
+        to->codecpar->codec_tag = 0;
+        to->time_base = from->time_base;
+    }
+    ret = avio_open(&r.out->pb, r.temp.c_str(), AVIO_FLAG_WRITE);
+    if (ret < 0)
+        return r.fail("creating " + r.temp, ret);
+    r.tempOpen = true;
+    AVDictionary *options = nullptr;
+    // faststart: the index moves ahead of the media data once it is written.
+    av_dict_set(&options, "movflags", "+faststart", 0);
+    ret = avformat_write_header(r.out, &options);
+    av_dict_free(&options);
+    if (ret < 0)
+        return r.fail("writing the header of " + r.temp, ret);
+    return true;
+}
+
+// Timestamps are copied as they are: the sound's first packet keeps its negative time
+// (the encoder's priming), so the new index skips it exactly as the writer's did.
+bool copyPackets(Rewrite &r)
+{
+    AVPacket *pkt = av_packet_alloc();
+    if (!pkt)
+        return r.fail("copying the packets", AVERROR(ENOMEM));
+    int ret;
+    while ((ret = av_read_frame(r.in, pkt)) >= 0) {
+        const AVStream *from = r.in->streams[pkt->stream_index];
+        const AVStream *to = r.out->streams[pkt->stream_index];
+        av_packet_rescale_ts(pkt, from->time_base, to->time_base);
+        pkt->pos = -1;
+        ret = av_interleaved_write_frame(r.out, pkt);
+        if (ret < 0) {
+            av_packet_free(&pkt);
+            return r.fail("writing the packets to " + r.temp, ret);
+        }
+    }
+    av_packet_free(&pkt);
+    if (ret != AVERROR_EOF)
+        return r.fail("reading the packets of " + r.path, ret);
+    return true;
+}
+
+bool writeTrailer(Rewrite &r)
+{
+    int ret = av_write_trailer(r.out);
+    if (ret < 0)
+        return r.fail("writing the index of " + r.temp, ret);
+    // Closing flushes what is still buffered: a full disk can show only here.
+    ret = avio_closep(&r.out->pb);
+    if (ret < 0)
+        return r.fail("closing " + r.temp, ret);
+    return true;
+}
+
+bool syncTemp(Rewrite &r)
+{
+    const int err = syncPath(r.temp);
+    if (err != 0)
+        return r.fail("syncing " + r.temp, AVERROR(err));
+    return true;
+}
+
+bool replaceOriginal(Rewrite &r)
+{
+    if (rename(r.temp.c_str(), r.path.c_str()) != 0)
+        return r.fail("renaming " + r.temp + " to " + r.path, AVERROR(errno));
+    r.tempOpen = false;
+    // The new name reaches the disk with its directory. Should that fail, a power cut may
+    // bring back the fragmented file, which plays too: the rewrite stands, with a warning.
+    const int err = syncPath(directoryOf(r.path));
+    if (err != 0)
+        fprintf(stderr, "Syncing the directory of %s failed: %s\n", r.path.c_str(), strerror(err));
+    return true;
+}
+
+} // namespace
+
+std::string standardTempPath(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    return dir + "." + name + ".finishing";
+}
+
+bool rewriteAsStandardMp4(const std::string &path, std::string *error)
+{
+    Rewrite r;
+    r.path = path;
+    r.temp = standardTempPath(path);
+    const bool ok = openInput(r) && createOutput(r) && copyPackets(r) && writeTrailer(r)
+        && syncTemp(r) && replaceOriginal(r);
+    if (!ok && r.tempOpen) {
+        if (r.out)
+            avio_closep(&r.out->pb);
+        unlink(r.temp.c_str());
+    }
+    if (!ok && error)
+        *error = r.error;
+    return ok;
+}
