@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
+#include <vector>
 
 #include "periodicsync.h"
 
@@ -107,10 +108,19 @@ bool copyPackets(Rewrite &r)
     AVPacket *pkt = av_packet_alloc();
     if (!pkt)
         return r.fail("copying the packets", AVERROR(ENOMEM));
+    // Per stream, the dts of the previous packet (input time base).
+    std::vector<int64_t> lastDts(r.in->nb_streams, AV_NOPTS_VALUE);
     int ret;
     while ((ret = av_read_frame(r.in, pkt)) >= 0) {
         const AVStream *from = r.in->streams[pkt->stream_index];
         const AVStream *to = r.out->streams[pkt->stream_index];
+        // Fragments do not always tell a sample's duration. The muxer takes it from the
+        // next packet's time, except for the last, which without one would end where it
+        // starts and players drop it: the interval before it is the best guess.
+        int64_t &last = lastDts[pkt->stream_index];
+        if (pkt->duration == 0 && last != AV_NOPTS_VALUE && pkt->dts != AV_NOPTS_VALUE)
+            pkt->duration = pkt->dts - last;
+        last = pkt->dts;
         av_packet_rescale_ts(pkt, from->time_base, to->time_base);
         pkt->pos = -1;
         ret = av_interleaved_write_frame(r.out, pkt);
