@@ -112,6 +112,11 @@ bool copyPackets(Rewrite &r)
     std::vector<int64_t> lastDts(r.in->nb_streams, AV_NOPTS_VALUE);
     int ret;
     while ((ret = av_read_frame(r.in, pkt)) >= 0) {
+        // A file cut short by a crash can end inside a packet: that part is left out.
+        if (pkt->flags & AV_PKT_FLAG_CORRUPT) {
+            av_packet_unref(pkt);
+            continue;
+        }
         const AVStream *from = r.in->streams[pkt->stream_index];
         const AVStream *to = r.out->streams[pkt->stream_index];
         // Fragments do not always tell a sample's duration. The muxer takes it from the
