@@ -4,6 +4,8 @@
 // interleaved; each figure is the median over the repeats with the range beside it.
 //
 // usage: bench_recoverable [--seconds S] [--repeats N] [--size WxH] [--bitrate N] [--dir D]
+#include <QCoreApplication>
+#include <QCommandLineParser>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -17,6 +19,7 @@
 
 #include "media/ffmpegapi.h"
 #include "media/standardmp4.h"
+#include "commandline.h"
 #include "syntheticcamera.h"
 
 extern "C" {
@@ -30,6 +33,11 @@ constexpr int kFps = 30;
 constexpr int kRate = 48000;
 // Distinct pictures cycled through, rendered before the clock starts.
 constexpr int kPictures = 30;
+// Bounds of the options.
+constexpr double kMinSeconds = 1;
+constexpr double kMaxSeconds = 7200;
+constexpr int kMaxRepeats = 100;
+constexpr long long kMaxBitrate = 200000000; // bit/s
 
 struct Settings {
     double seconds = 20;
@@ -156,20 +164,32 @@ std::string ratio(const std::vector<Cost> &a, const std::vector<Cost> &b, double
 
 int main(int argc, char **argv)
 {
+    QCoreApplication app(argc, argv);
+    QCommandLineParser p;
+    p.addOptions({
+        {QStringLiteral("seconds"), QStringLiteral("Length of each recording in seconds (20)."),
+         QStringLiteral("S")},
+        {QStringLiteral("repeats"), QStringLiteral("Interleaved repeats of the three runs (3)."),
+         QStringLiteral("N")},
+        {QStringLiteral("size"), QStringLiteral("Picture size (1920x1080)."), QStringLiteral("WxH")},
+        {QStringLiteral("bitrate"), QStringLiteral("Video bit rate in bit/s (4000000)."),
+         QStringLiteral("N")},
+        {QStringLiteral("dir"), QStringLiteral("Directory for the files (/tmp)."),
+         QStringLiteral("DIR")},
+    });
+    commandline::parseOrExit(p, QStringLiteral("Writes the same recording with the index at the "
+                                               "end and recoverable, and rewrites the recoverable "
+                                               "one as a standard MP4."));
     Settings s;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string a = argv[i], v = argv[i + 1];
-        if (a == "--seconds")
-            s.seconds = std::atof(v.c_str());
-        else if (a == "--repeats")
-            s.repeats = std::max(1, std::atoi(v.c_str()));
-        else if (a == "--bitrate")
-            s.bitrate = std::atoi(v.c_str());
-        else if (a == "--dir")
-            s.dir = v;
-        else if (a == "--size")
-            std::sscanf(v.c_str(), "%dx%d", &s.width, &s.height);
-    }
+    commandline::Size size{s.width, s.height};
+    commandline::readNumber(p, QStringLiteral("seconds"), s.seconds, kMinSeconds, kMaxSeconds);
+    commandline::readInteger(p, QStringLiteral("repeats"), s.repeats, 1, kMaxRepeats);
+    commandline::readSize(p, QStringLiteral("size"), size);
+    commandline::readInteger(p, QStringLiteral("bitrate"), s.bitrate, 1, kMaxBitrate);
+    if (p.isSet(QStringLiteral("dir")))
+        s.dir = p.value(QStringLiteral("dir")).toStdString();
+    s.width = size.first;
+    s.height = size.second;
     av_log_set_level(AV_LOG_ERROR);
     const std::string dir = s.dir + "/recoverable-bench-" + std::to_string(getpid());
     std::filesystem::create_directories(dir);
