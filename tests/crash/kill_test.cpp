@@ -1,5 +1,6 @@
-// A recording killed at any moment leaves a file that plays: a child process records
-// through the built plugin and is sent SIGKILL at pseudo-random moments.
+// Recordings through the built plugin that end badly or well: one killed at any moment
+// leaves a file that plays (a child process records and is sent SIGKILL at pseudo-random
+// moments); one stopped cleanly is a standard MP4 by the time isRecording() says false.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,9 +21,12 @@
 #include <vector>
 
 #include "media/standardmp4.h"
+#include "simulatedmic.h"
+#include "support/loadedrecorder.h"
 #include "support/mediareader.h"
 #include "support/mp4boxes.h"
 #include "support/testutil.h"
+#include "syntheticcamera.h"
 
 extern char **environ;
 
@@ -190,4 +194,38 @@ TEST(KillTest, ARecordingKilledAtAnyMomentPlaysUpToJustBeforeTheKill)
     for (const std::vector<Kill> &list : kills)
         for (const Kill &k : list)
             expectPlayable(k);
+}
+
+TEST(CleanStopTest, IsRecordingTurnsFalseOnlyOnceTheStandardFileIsInPlace)
+{
+    testutil::TempDir dir;
+    simulatedmic::reset();
+    simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
+    SyntheticCamera camera(320, 240, 30);
+    LoadedRecorder rec{QStringLiteral(RECORDER_PLUGIN_PATH)};
+    ASSERT_TRUE(rec.loaded()) << qPrintable(rec.error());
+    const std::string file = dir.file("clean.mp4");
+    rec->setPluginComponent(&camera);
+    rec->setFilename(QString::fromStdString(file));
+    rec->vSetRecSize(320, 240);
+    rec->setFps(30);
+    testutil::captureStdout([&] {
+        rec->startRecord();
+        ASSERT_TRUE(rec->waitForRecordStart(20000));
+        std::this_thread::sleep_for(std::chrono::seconds(2)); // the recording's length
+        rec->stopRecord();
+        ASSERT_TRUE(testutil::pollUntil([&] { return !rec->isRecording(); }, std::chrono::seconds(60)));
+    });
+    // Looked at the moment the recorder says it is done, before the session has ended.
+    const std::vector<std::string> boxes = topLevelBoxes(file);
+    EXPECT_EQ(indexOf(boxes, "moof"), -1) << joined(boxes);
+    EXPECT_GE(indexOf(boxes, "moov"), 0) << joined(boxes);
+    EXPECT_LT(indexOf(boxes, "moov"), indexOf(boxes, "mdat")) << joined(boxes);
+    EXPECT_FALSE(std::filesystem::exists(standardTempPath(file)));
+    EXPECT_TRUE(rec.waitSessionEnd(std::chrono::seconds(30)));
+    MediaFile f;
+    std::string err;
+    ASSERT_TRUE(readMediaFile(file, f, &err, false)) << err;
+    EXPECT_GE(f.video()->packetPts.size(), 45u);
+    EXPECT_GE(f.audioSeconds(), 1.5);
 }
