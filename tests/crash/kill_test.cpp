@@ -51,6 +51,8 @@ struct Kill {
     std::string file;
     double at = 0;          // planned moment, seconds after the start line
     double actual = 0;      // when SIGKILL went, seconds after the start line
+    double startWait = 0;   // seconds from the spawn to the start line
+    double reapWait = 0;    // seconds from SIGKILL to the child's end
     std::string failure;    // why the child could not be killed as planned
 };
 
@@ -107,14 +109,18 @@ void recordAndKill(Kill &k, const std::string &log)
         k.failure = std::string("posix_spawn: ") + strerror(spawned);
         return;
     }
-    const bool started = waitForStartLine(fds[0], Clock::now() + kStartWait);
+    const auto spawnedAt = Clock::now();
+    const bool started = waitForStartLine(fds[0], spawnedAt + kStartWait);
     const auto t0 = Clock::now();
+    k.startWait = std::chrono::duration<double>(t0 - spawnedAt).count();
     if (started)
         std::this_thread::sleep_until(t0 + std::chrono::duration<double>(k.at));
     kill(pid, SIGKILL);
     k.actual = std::chrono::duration<double>(Clock::now() - t0).count();
+    const auto killedAt = Clock::now();
     int status = 0;
     waitpid(pid, &status, 0);
+    k.reapWait = std::chrono::duration<double>(Clock::now() - killedAt).count();
     close(fds[0]);
     if (!started)
         k.failure = "the recording did not start; its output:\n" + tail(log);
@@ -145,9 +151,10 @@ void expectPlayable(const Kill &k)
     const double videoEnd = streamEnd(*f.video(), kFramePeriod);
     const double audioEnd = streamEnd(*f.audio(), 1024.0 / f.audioSampleRate);
     EXPECT_NEAR(videoEnd, audioEnd, kFramePeriod);
-    std::printf("%s killed at %.2f s: %.2f s of picture, %.2f s of sound, ends %.3f / %.3f s\n",
+    std::printf("%s killed at %.2f s: %.2f s of picture, %.2f s of sound, ends %.3f / %.3f s "
+                "(started in %.2f s, gone %.2f s after the kill)\n",
                 k.file.c_str(), k.actual, f.frames.size() * kFramePeriod, f.audioSeconds(),
-                videoEnd, audioEnd);
+                videoEnd, audioEnd, k.startWait, k.reapWait);
 
     // A killed MP4 is what the recovery tool is for: its rewrite keeps every frame.
     if (k.file.size() > 4 && k.file.compare(k.file.size() - 4, 4, ".mp4") == 0) {
@@ -181,19 +188,19 @@ TEST(KillTest, ARecordingKilledAtAnyMomentPlaysUpToJustBeforeTheKill)
         }
     }
     std::fflush(stdout);
-    // One recorder per container at a time, the containers side by side.
+    // One recorder per container at a time, the containers side by side; each file is
+    // checked while the other container's recorder runs.
     std::vector<std::thread> runners;
     for (size_t c = 0; c < containers.size(); ++c) {
         runners.emplace_back([&, c] {
-            for (size_t i = 0; i < kills[c].size(); ++i)
+            for (size_t i = 0; i < kills[c].size(); ++i) {
                 recordAndKill(kills[c][i], dir.file(containers[c] + std::to_string(i) + ".log"));
+                expectPlayable(kills[c][i]);
+            }
         });
     }
     for (std::thread &t : runners)
         t.join();
-    for (const std::vector<Kill> &list : kills)
-        for (const Kill &k : list)
-            expectPlayable(k);
 }
 
 TEST(CleanStopTest, IsRecordingTurnsFalseOnlyOnceTheStandardFileIsInPlace)
