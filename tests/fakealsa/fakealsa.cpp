@@ -764,21 +764,27 @@ int snd_pcm_wait(snd_pcm_t *pcm, int timeout)
     return ready <= deadline ? 1 : 0;
 }
 
-// Delivers what is readable, up to `size` frames, without blocking: the capture code
-// reads only what avail_update reported.
+// Blocks, as ALSA's blocking mode does, until `size` frames are readable (for ever on a
+// stalled card), then delivers them. The capture code asks only for what avail_update
+// reported, so it never waits here.
 snd_pcm_sframes_t snd_pcm_readi(snd_pcm_t *pcm, void *buffer, snd_pcm_uframes_t size)
 {
     Model &m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
-    const Clock::time_point now = Clock::now();
+    std::unique_lock<std::mutex> lock(m.mutex);
     if (pcm->state == _snd_pcm::Prepared)
-        startStream(m, pcm, now); // as with ALSA's default start threshold
-    const long avail = availableNow(m, pcm, now);
-    if (avail < 0)
-        return avail;
-    const long frames = std::min(avail, static_cast<long>(size));
-    if (frames == 0)
-        return -EAGAIN;
+        startStream(m, pcm, Clock::now()); // as with ALSA's default start threshold
+    const long frames = static_cast<long>(size);
+    for (;;) {
+        const long avail = availableNow(m, pcm, Clock::now());
+        if (avail < 0)
+            return avail;
+        if (avail >= frames)
+            break;
+        const Clock::time_point ready = timeOfFrames(m.cards.at(pcm->card), pcm->readPos + frames);
+        lock.unlock();
+        std::this_thread::sleep_until(std::min(ready, Clock::now() + std::chrono::milliseconds(kPeriodMs)));
+        lock.lock();
+    }
     const Card &c = m.cards.at(pcm->card);
     auto *out = static_cast<short *>(buffer);
     for (long f = 0; f < frames; ++f)
