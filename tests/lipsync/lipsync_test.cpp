@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <thread>
+#include <vector>
 
 #include "fakealsa.h"
 #include "support/lipsync.h"
@@ -48,6 +49,16 @@ constexpr bool kTimingMeaningful = true;
 constexpr int kFps = 30;
 constexpr double kPeriod = 1.0 / kFps;
 constexpr auto kFlashEvery = 2000ms;
+// Pairs whose median stands for the offset at the start and at the end of a recording.
+constexpr size_t kEndPairs = 5;
+
+// Median of `count` offsets from `first` on.
+double medianOf(const std::vector<double> &offsets, size_t first, size_t count)
+{
+    std::vector<double> v(offsets.begin() + first, offsets.begin() + first + count);
+    std::nth_element(v.begin(), v.begin() + count / 2, v.end());
+    return v[count / 2];
+}
 
 class LipSyncTest : public ::testing::TestWithParam<SyncRun>
 {
@@ -133,7 +144,11 @@ TEST_P(LipSyncTest, EveryFlashComesWithItsBeep)
         EXPECT_GE(offsets[i], -kPeriod) << "pair " << i;
         EXPECT_LE(offsets[i], 2 * kPeriod) << "pair " << i;
     }
-    EXPECT_NEAR(offsets.back(), offsets.front(), kPeriod) << "the sound drifted from the picture";
+    // One pair may be a frame late when the flash lands on the instant a frame is due, so
+    // the start and the end are each the median of a few pairs.
+    EXPECT_NEAR(medianOf(offsets, offsets.size() - kEndPairs, kEndPairs),
+                medianOf(offsets, 0, kEndPairs), kPeriod)
+        << "the sound drifted from the picture";
 }
 
 INSTANTIATE_TEST_SUITE_P(Runs, LipSyncTest, ::testing::ValuesIn(kRuns),

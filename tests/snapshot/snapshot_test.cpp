@@ -232,7 +232,7 @@ TEST_F(WatermarkTest, WithItsFontFramesCarryTheTextAndNothingElseChanges)
 {
     FixedFont font;
     if (!font.available())
-        GTEST_SKIP() << "cannot provide " << kFixedFont;
+        GTEST_SKIP() << "cannot provide " << kFixedFont << " (it is put there only as root, under CTest)";
     FFmpegApi w;
     const std::string file = dir.file("marked.mkv");
     open(w, file);
@@ -327,7 +327,7 @@ TEST(JpegSnapshot, TheTextWriterNeedsItsFontAndDrawsOnlyWhereTheTextIs)
     }
     FixedFont font;
     if (!font.available() && !fs::exists(kFixedFont))
-        GTEST_SKIP() << "cannot provide " << kFixedFont;
+        GTEST_SKIP() << "cannot provide " << kFixedFont << " (it is put there only as root, under CTest)";
     testutil::captureStdout([&] { ASSERT_EQ(FFmpegApi::SaveAsJPEG(input, 5), 0); });
     const cv::Mat decoded = decodeOne(file);
     ASSERT_EQ(decoded.cols, 640);

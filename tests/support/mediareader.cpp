@@ -142,7 +142,7 @@ double MediaStream::durationSeconds() const
             lastIndex = i;
         }
     }
-    return (last + packetDuration[lastIndex] - first) * av_q2d(timeBase);
+    return (last + packetDuration[lastIndex] - std::max<int64_t>(first, 0)) * av_q2d(timeBase);
 }
 
 const MediaStream *MediaFile::video() const

@@ -24,7 +24,8 @@ struct MediaStream {
     std::vector<int64_t> packetPts;   // every packet's pts in file order (stream time base)
     std::vector<int64_t> packetDts;
     std::vector<int64_t> packetDuration;
-    // From the first pts to the end of the last packet, in seconds.
+    // From the first pts to the end of the last packet, in seconds. An encoder's priming
+    // (AAC's first 1024 samples, before pts 0) is not played, so it is not counted.
     double durationSeconds() const;
 };
 
