@@ -1,11 +1,13 @@
 // The encoder thread and the feeder, on real files through the real writer.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include <opencv2/imgproc.hpp>
 
@@ -338,6 +340,58 @@ TEST_F(PipelineTest, FeederScalesToTheExactSizeWithNearestNeighbour)
     EXPECT_GT(br[0], 200);
     EXPECT_GT(br[1], 200);
     EXPECT_GT(br[2], 200);
+}
+
+TEST_F(PipelineTest, FramesOfEverySizeTheHostSwitchesToDecodeAsTheirOwnConversion)
+{
+    // The feeder scales once per camera frame and the writer keeps its scaler: either
+    // kept for the wrong frame or size shows as another picture. Sizes: larger twice (new
+    // content, same size), smaller, the recording's own, the same with padded rows.
+    const std::vector<cv::Mat> host = {textureImage(320, 256, 1), textureImage(320, 256, 2),
+                                       textureImage(80, 64, 3), textureImage(kW, kH, 4),
+                                       paddedCopy(textureImage(kW, kH, 5), 7)};
+    FFmpegEncode e; // started after the hand-overs: the queue (one second) keeps them all
+    configure(e, path("switch.mkv"), true, false, 30);
+    e.setVideoBitrate(8000000);
+    VideoDataThread feeder;
+    feeder.start(&e);
+    for (cv::Mat frame : host) {
+        feeder.setData(frame);
+        // Two hand-overs that end after setData: the second read the slot after it.
+        for (int i = 0; i < 2; ++i) {
+            const int queued = e.videoQueueCount();
+            ASSERT_TRUE(testutil::pollUntil([&] { return e.videoQueueCount() > queued; }, 5s));
+        }
+    }
+    feeder.stop();
+    ASSERT_TRUE(testutil::pollUntil([&] { return !feeder.isReady(); }, 2s));
+    ASSERT_EQ(e.droppedVideoFrames(), 0);
+    testutil::captureStdout([&] {
+        ASSERT_TRUE(startAndOpen(e));
+        ASSERT_TRUE(finish(e));
+    });
+
+    std::vector<cv::Mat> expected;
+    for (const cv::Mat &frame : host) {
+        cv::Mat scaled;
+        cv::resize(frame, scaled, cv::Size(kW, kH), 0, 0, cv::INTER_NEAREST);
+        expected.push_back(throughYuv420(scaled));
+    }
+    const MediaFile f = read(path("switch.mkv"));
+    ASSERT_GE(f.frames.size(), host.size());
+    // Lossy coding at a high bit rate; another picture differs by tens.
+    constexpr double kTolerance = 1.0;
+    std::vector<int> seen(host.size());
+    for (size_t i = 0; i < f.frames.size(); ++i) {
+        std::vector<double> diff;
+        for (const cv::Mat &ref : expected)
+            diff.push_back(meanAbsDiff(f.frames[i], ref));
+        const auto best = std::min_element(diff.begin(), diff.end());
+        EXPECT_LT(*best, kTolerance) << "frame " << i << " is none of the host's";
+        ++seen[best - diff.begin()];
+    }
+    for (size_t k = 0; k < host.size(); ++k)
+        EXPECT_GT(seen[k], 0) << "host frame " << k << " not in the file";
 }
 
 TEST_F(PipelineTest, TheFeederHandsOverOneFramePerPeriodOfTheClock)
