@@ -435,8 +435,8 @@ TEST_F(PipelineTest, APausedFeederHandsNothingOverAndStopEndsItWithinAPeriod)
 
 TEST_F(PipelineTest, ProducersAndConsumerAtFullSpeedKeepTheLockOrder)
 {
-    // Run under the thread sanitizer: feeder (frame lock, then queue lock), a camera
-    // thread, an audio thread and the encoder thread all at full speed.
+    // Run under the thread sanitizer: feeder (frame lock, then queue lock, never both), a
+    // camera thread, an audio thread and the encoder thread all at full speed.
     FFmpegEncode e;
     configure(e, path("busy.mp4"), true, true, 240);
     VideoDataThread feeder;
