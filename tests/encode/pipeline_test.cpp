@@ -344,12 +344,14 @@ TEST_F(PipelineTest, FeederScalesToTheExactSizeWithNearestNeighbour)
 
 TEST_F(PipelineTest, FramesOfEverySizeTheHostSwitchesToDecodeAsTheirOwnConversion)
 {
-    // The feeder scales once per camera frame and the writer keeps its scaler: either
-    // kept for the wrong frame or size shows as another picture. Sizes: larger twice (new
-    // content, same size), smaller, the recording's own, the same with padded rows.
+    // The feeder scales once per camera frame and the writer keeps its scaler: either kept
+    // for the wrong frame or size, or a buffer written again while queued, shows as another
+    // picture. Sizes: larger three times (new content, same size), smaller, the
+    // recording's own, the same with padded rows.
     const std::vector<cv::Mat> host = {textureImage(320, 256, 1), textureImage(320, 256, 2),
-                                       textureImage(80, 64, 3), textureImage(kW, kH, 4),
-                                       paddedCopy(textureImage(kW, kH, 5), 7)};
+                                       textureImage(320, 256, 3), textureImage(80, 64, 4),
+                                       textureImage(kW, kH, 5),
+                                       paddedCopy(textureImage(kW, kH, 6), 7)};
     FFmpegEncode e; // started after the hand-overs: the queue (one second) keeps them all
     configure(e, path("switch.mkv"), true, false, 30);
     e.setVideoBitrate(8000000);
