@@ -146,19 +146,38 @@ TEST_F(PipelineTest, RepeatsOfOnePictureShareItsPixelsAndAreAllWritten)
     // The source changes after the hand-over: the queued repeats must not see it.
     SyntheticCamera::makeFrame(kW, kH, 1, 0).copyTo(frame);
     e.addVideo(frame, 1);
-    EXPECT_EQ(e.videoQueueCount(), 5);
+    // The feeder's hand-over shares one picture across calls, as a slow camera's frame is
+    // handed over pass after pass.
+    const cv::Mat shared = SyntheticCamera::makeFrame(kW, kH, 2, 0);
+    e.addVideoShared(shared, 1, 5);
+    e.addVideoShared(shared, 2, 6);
+    EXPECT_EQ(e.videoQueueCount(), 8);
     QtMessageCollector log;
     testutil::captureStdout([&] {
         ASSERT_TRUE(startAndOpen(e));
         ASSERT_TRUE(finish(e));
     });
-    EXPECT_EQ(frameNumbers(read(path("repeats.mp4"))), (std::vector<long>{0, 0, 0, 0, 1}));
-    // Five frames queued, two pictures' worth of memory.
+    EXPECT_EQ(frameNumbers(read(path("repeats.mp4"))), (std::vector<long>{0, 0, 0, 0, 1, 2, 2, 2}));
+    // Eight frames queued, three pictures' worth of memory.
     const double pictureMiB = kW * kH * 3 / (1024.0 * 1024.0);
-    EXPECT_EQ(log.count(QStringLiteral("encoder: at most 5 video frames (%1 MiB)")
-                            .arg(2 * pictureMiB, 0, 'f', 1)),
+    EXPECT_EQ(log.count(QStringLiteral("encoder: at most 8 video frames (%1 MiB)")
+                            .arg(3 * pictureMiB, 0, 'f', 1)),
               1)
         << qPrintable(log.messages().join('\n'));
+}
+
+TEST_F(PipelineTest, OnePictureSharedAcrossHandOversCountsItsBytesOnce)
+{
+    FFmpegEncode e; // not started: hand-overs just queue
+    configure(e, path("unused.mp4"), true, false, 60); // the queue holds 60 frames
+    // Counted per entry or per call, these would pass the byte bound and be dropped.
+    const cv::Mat picture(1080, 1920, CV_8UC3, cv::Scalar(1, 2, 3));
+    constexpr int kEntries = 50;
+    ASSERT_GT(kEntries * picture.total() * picture.elemSize(), FFmpegEncode::kMaxQueuedVideoBytes);
+    for (int i = 0; i < kEntries; ++i)
+        e.addVideoShared(picture, 1, i);
+    EXPECT_EQ(e.videoQueueCount(), kEntries);
+    EXPECT_EQ(e.droppedVideoFrames(), 0);
 }
 
 TEST_F(PipelineTest, AudioOnlyWritesEveryBlockAndPrintsNoFlushLine)
