@@ -10,6 +10,15 @@
 #include "media/ffmpegapi.h"
 #include "soundtimeline.h"
 
+namespace {
+
+size_t pictureBytes(const cv::Mat &picture)
+{
+    return picture.total() * picture.elemSize();
+}
+
+} // namespace
+
 FFmpegEncode::FFmpegEncode(QObject *parent)
     : QThread(parent)
 {
@@ -106,33 +115,67 @@ void FFmpegEncode::addVideo(cv::Mat &frame, int times, int64_t pts)
         return;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        nextVideoPts = pts + times;
-        const int state = m_state.load(std::memory_order_relaxed);
-        if (((state & kOpen) && !m_recVideo) || (state & (kFailed | kOver)))
-            return; // nothing will write it
+        if (!takesVideo(times, pts))
+            return;
     }
     // The copy is private until queued: made outside the lock, it keeps the writer and
     // the capture thread from waiting while megabytes of pixels move.
     cv::Mat copy;
     frame.copyTo(copy);
-    const size_t bytes = copy.total() * copy.elemSize();
+    queueVideo(copy, times, pts);
+}
+
+void FFmpegEncode::addVideoShared(cv::Mat frame, int times, int64_t pts)
+{
+    if (times <= 0 || frame.empty())
+        return;
+    if (!frame.u) {
+        addVideo(frame, times, pts);
+        return;
+    }
+    queueVideo(frame, times, pts);
+}
+
+bool FFmpegEncode::takesVideo(int times, int64_t pts)
+{
+    nextVideoPts = pts + times;
+    const int state = m_state.load(std::memory_order_relaxed);
+    return !(((state & kOpen) && !m_recVideo) || (state & (kFailed | kOver)));
+}
+
+void FFmpegEncode::countEntry(const cv::Mat &picture)
+{
+    if (entriesPerPicture[picture.datastart]++ == 0)
+        videoQueuedBytes += pictureBytes(picture);
+}
+
+void FFmpegEncode::uncountEntry(const cv::Mat &picture)
+{
+    const auto it = entriesPerPicture.find(picture.datastart);
+    if (it == entriesPerPicture.end() || --it->second > 0)
+        return;
+    videoQueuedBytes -= pictureBytes(picture);
+    entriesPerPicture.erase(it);
+}
+
+void FFmpegEncode::queueVideo(const cv::Mat &picture, int times, int64_t pts)
+{
     const int maxFrames = recordingFps(m_fps);
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        // Repeats sit next to each other in the queue: the writer only reads them.
-        for (int i = 0; i < times; ++i)
-            videoList.append(QueuedFrame{copy, pts + i});
-        videoQueuedBytes += bytes;
+        if (!takesVideo(times, pts))
+            return; // nothing will write it
+        // Repeats share the pixels: the writer only reads them.
+        for (int i = 0; i < times; ++i) {
+            videoList.append(QueuedFrame{picture, pts + i});
+            countEntry(picture);
+        }
         // Over the bounds, the frames just before the newest go: the newest is kept, so
         // that the picture ends when the recording does, whatever was dropped on the way.
         while (videoList.size() > 1
                && (videoList.size() > maxFrames || videoQueuedBytes > kMaxQueuedVideoBytes)) {
             const int victim = videoList.size() - 2;
-            const uchar *pixels = videoList[victim].picture.data;
-            const bool shared = videoList[victim + 1].picture.data == pixels
-                || (victim > 0 && videoList[victim - 1].picture.data == pixels);
-            if (!shared)
-                videoQueuedBytes -= videoList[victim].picture.total() * videoList[victim].picture.elemSize();
+            uncountEntry(videoList[victim].picture);
             videoList.removeAt(victim);
             ++droppedVideo;
         }
@@ -220,6 +263,7 @@ void FFmpegEncode::freeQueued()
     std::lock_guard<std::mutex> lock(queueMutex);
     audioList.clear();
     videoList.clear();
+    entriesPerPicture.clear();
     videoQueuedBytes = 0;
 }
 
@@ -279,9 +323,7 @@ void FFmpegEncode::encode()
 void FFmpegEncode::writeFirstVideo(std::unique_lock<std::mutex> &lock, FFmpegApi &writer)
 {
     QueuedFrame item = videoList.takeFirst();
-    // The pixels leave the queue with the last of the frames that share them.
-    if (videoList.isEmpty() || videoList.first().picture.data != item.picture.data)
-        videoQueuedBytes -= item.picture.total() * item.picture.elemSize();
+    uncountEntry(item.picture);
     lock.unlock();
     writer.write_video(item.picture, item.pts);
     item.picture.release();

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <mutex>
 #include <opencv2/core/mat.hpp>
+#include <unordered_map>
 
 #include "media/audioblock.h"
 #include "media/threadexit.h"
@@ -20,8 +21,8 @@ class SoundTimeline;
 // The encoder thread of one recording: owns the media writer while it runs and writes
 // whatever is queued as soon as it can, the earlier of the two streams first.
 // The session thread constructs, sets, starts (setRun(true)), stops (setRun(false)),
-// waits for and destroys it; the feeder calls addVideo, the capture thread addAudio and
-// endAudio.
+// waits for and destroys it; the feeder calls addVideoShared, the capture thread addAudio
+// and endAudio.
 class FFmpegEncode : public QThread
 {
     Q_OBJECT
@@ -81,6 +82,10 @@ public:
     // of the pixels, shared, so a feeder catching up after a stall costs one frame.
     void addVideo(cv::Mat &frame, int times, int64_t pts);
     void addVideo(cv::Mat &frame, int times);
+    // As addVideo, without the copy: the queue shares `frame`'s pixels by reference count,
+    // so nobody may write them again (the feeder hands over a fresh buffer per camera
+    // frame). Pixels the Mat does not own (no reference count) are copied.
+    void addVideoShared(cv::Mat frame, int times, int64_t pts);
     void addAudio(AudioBlock block);
     // The session, before the feeder and the capture start: when the picture's frame 0 is
     // due (steady clock). The sound is placed and kept against it.
@@ -105,6 +110,15 @@ private:
         int64_t pts = 0;   // frame periods since the start of the recording
     };
 
+    // Under queueMutex: whether a frame handed over now will be written; either way the
+    // next frame without a pts follows these.
+    bool takesVideo(int times, int64_t pts);
+    // Queues the picture `times` over and applies the bounds.
+    void queueVideo(const cv::Mat &picture, int times, int64_t pts);
+    // Under queueMutex: one queue entry of `picture` more or less; its bytes count once,
+    // from its first entry to its last.
+    void countEntry(const cv::Mat &picture);
+    void uncountEntry(const cv::Mat &picture);
     void encode();
     void writeQueued(FFmpegApi &writer, SoundTimeline &timeline);
     void writeFirstVideo(std::unique_lock<std::mutex> &lock, FFmpegApi &writer);
@@ -146,6 +160,8 @@ private:
     QList<AudioBlock> audioList;             // oldest first
     int64_t nextVideoPts = 0;                // pts of a frame queued without one
     size_t videoQueuedBytes = 0;             // bytes of pixels in videoList, shared ones once
+    // Entries in videoList per picture, by the start of its pixels (alive while counted).
+    std::unordered_map<const uchar *, int> entriesPerPicture;
     int peakVideoQueued = 0;                 // frames: videoList's longest length so far
     int peakAudioQueued = 0;                 // blocks: audioList's longest length so far
     size_t peakVideoQueuedBytes = 0;         // bytes: videoQueuedBytes's largest value so far

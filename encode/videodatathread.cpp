@@ -28,8 +28,15 @@ VideoDataThread::~VideoDataThread()
 
 void VideoDataThread::setData(cv::Mat &frame)
 {
-    std::lock_guard<std::mutex> lock(frameMutex);
-    frame.copyTo(currentFrame);
+    // Copied outside the lock, so that the feeder never waits for it.
+    cv::Mat fresh;
+    frame.copyTo(fresh);
+    {
+        std::lock_guard<std::mutex> lock(frameMutex);
+        std::swap(currentFrame, fresh);
+        ++frameSerial;
+    }
+    // The slot's last frame is let go here, outside the lock (freed unless queued).
 }
 
 void VideoDataThread::start(FFmpegEncode *encoder)
@@ -86,21 +93,34 @@ void VideoDataThread::run()
     exit.markReturned();
 }
 
-// Hands the slot's frame to the encoder `copies` times at the target size (scaled once),
-// the first with `pts`; false when the slot was empty.
+// Hands the slot's frame to the encoder `copies` times at the target size, the first
+// with `pts`; false when the slot was empty. The queue shares the slot's pixels, or those
+// of their scaled copy, made once per camera frame however often it is handed over.
 bool VideoDataThread::handOver(int width, int height, int copies, int64_t pts)
 {
-    std::lock_guard<std::mutex> lock(frameMutex);
-    // An empty slot has nothing to scale: the pass hands nothing over.
-    if (currentFrame.empty())
-        return false;
-    if (currentFrame.rows == height && currentFrame.cols == width) {
-        encoder->addVideo(currentFrame, copies, pts);
-        return true;
+    cv::Mat frame;
+    uint64_t serial = 0;
+    {
+        std::lock_guard<std::mutex> lock(frameMutex);
+        frame = currentFrame;
+        serial = frameSerial;
     }
-    cv::Mat scaled(height, width, currentFrame.type());
-    cv::resize(currentFrame, scaled, cv::Size(width, height), 0, 0, cv::INTER_NEAREST);
-    encoder->addVideo(scaled, copies, pts);
+    // An empty slot has nothing to scale: the pass hands nothing over.
+    if (frame.empty())
+        return false;
+    if (frame.rows != height || frame.cols != width) {
+        if (scaledFrame.empty() || scaledSerial != serial) {
+            // A new buffer: the queue may still share the last one.
+            cv::Mat scaled(height, width, frame.type());
+            cv::resize(frame, scaled, cv::Size(width, height), 0, 0, cv::INTER_NEAREST);
+            scaledFrame = scaled;
+            scaledSerial = serial;
+        }
+        frame = scaledFrame;
+    } else {
+        scaledFrame.release();
+    }
+    encoder->addVideoShared(frame, copies, pts);
     return true;
 }
 
@@ -155,6 +175,7 @@ void VideoDataThread::feed()
         if (due > 0 && handOver(width, height, due, schedule.takenPts()))
             handed += due;
     }
+    scaledFrame.release();
     qDebug().noquote() << QStringLiteral("video feeder: %1 frames handed over; %2 frames made up "
                                          "after stalls, %3 not made up")
                               .arg(handed)

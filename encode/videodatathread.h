@@ -22,7 +22,9 @@ public:
     // Stops and waits for the thread.
     ~VideoDataThread() override;
 
-    void setData(cv::Mat &frame);      // copies the frame into the slot
+    // Copies the frame into a fresh buffer in the slot: the host may reuse its own, and
+    // the encoder's queue may still share the slot's last one.
+    void setData(cv::Mat &frame);
     void start(FFmpegEncode *encoder); // null: does nothing
     // Wakes the thread, which hands over what is due up to now and ends; does not wait.
     void stop();
@@ -44,8 +46,12 @@ private:
     std::atomic<bool> running{false};  // keep looping
     std::atomic<bool> pause{false};    // hand nothing over
     std::chrono::steady_clock::time_point stopAt; // when stop() was called; guarded by controlMutex
-    std::mutex frameMutex;             // guards currentFrame; taken before the encoder's queue lock
-    cv::Mat currentFrame;              // newest frame, a private copy
+    std::mutex frameMutex;             // guards currentFrame and frameSerial
+    cv::Mat currentFrame;              // newest frame, a private copy nobody writes again
+    uint64_t frameSerial = 0;          // setData calls so far: which frame the slot holds
+    // The feeder's own: the slot's frame at the recording size, and the serial it is of.
+    cv::Mat scaledFrame;
+    uint64_t scaledSerial = 0;
     FFmpegEncode *encoder = nullptr;   // not owned
     ThreadExit exit;                   // joins run() visibly to the sanitizer
 };

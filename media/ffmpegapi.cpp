@@ -140,19 +140,30 @@ int add_stream(OutputStream *ost, AVFormatContext *oc, const AVCodec **codec, AV
     return 0;
 }
 
-int fill_yuv_image(AVFrame *frame, int width, int height, cv::Mat &img)
+int fill_yuv_image(AVFrame *frame, int width, int height, const cv::Mat &img,
+                   SwsContext **scaler)
 {
-    const int stride = static_cast<int>(img.step1());
-    SwsContext *sws = sws_getContext(width, height, AV_PIX_FMT_BGR24, width, height,
-                                     static_cast<AVPixelFormat>(frame->format), SWS_FAST_BILINEAR,
-                                     nullptr, nullptr, nullptr);
-    if (!sws)
+    // 8-bit BGR is what the writer takes; more formats would only need their mapping here.
+    if (img.type() != CV_8UC3 || img.cols < width || img.rows < height)
+        return -1;
+    // The key is the whole conversion: what sws_getCachedContext compares before reusing.
+    *scaler = sws_getCachedContext(*scaler, width, height, AV_PIX_FMT_BGR24, width, height,
+                                   static_cast<AVPixelFormat>(frame->format), SWS_FAST_BILINEAR,
+                                   nullptr, nullptr, nullptr);
+    if (!*scaler)
         return -1;
     const uint8_t *src[1] = {img.data};
-    const int srcStride[1] = {stride};
-    sws_scale(sws, src, srcStride, 0, height, frame->data, frame->linesize);
-    sws_freeContext(sws);
+    const int srcStride[1] = {static_cast<int>(img.step[0])};
+    sws_scale(*scaler, src, srcStride, 0, height, frame->data, frame->linesize);
     return 0;
+}
+
+int fill_yuv_image(AVFrame *frame, int width, int height, cv::Mat &img)
+{
+    SwsContext *scaler = nullptr;
+    const int ret = fill_yuv_image(frame, width, height, img, &scaler);
+    sws_freeContext(scaler);
+    return ret;
 }
 
 FFmpegApi::FFmpegApi()
@@ -175,6 +186,8 @@ void FFmpegApi::release()
     buffersrc_ctx = nullptr;
     buffersink_ctx = nullptr;
     m_useFilter = false;
+    sws_freeContext(m_scaler);
+    m_scaler = nullptr;
     freeOutputStream(&video_st);
     freeOutputStream(&audio_st);
     if (oc) {
@@ -469,7 +482,7 @@ AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img, int64_t pts)
         puts("cannot make picture writable");
         return nullptr;
     }
-    if (fill_yuv_image(frame, video_st.enc->width, video_st.enc->height, img) != 0) {
+    if (fill_yuv_image(frame, video_st.enc->width, video_st.enc->height, img, &m_scaler) != 0) {
         puts("cannot fill yuv images");
         return nullptr;
     }

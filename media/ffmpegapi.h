@@ -26,6 +26,7 @@ class PeriodicSync;
 struct AVFilterContext;
 struct AVFilterGraph;
 struct SwrContext;
+struct SwsContext;
 
 // Encoder state of one output stream.
 struct OutputStream {
@@ -64,7 +65,13 @@ int recordingFps(long long fps);
 
 int add_stream(OutputStream *ost, AVFormatContext *oc, const AVCodec **codec, AVCodecID codec_id,
                int bitrate, int fps, int width, int height, int audioChannel, int sampleRate);
-// Converts the top-left width x height pixels of an 8-bit BGR Mat into `frame`.
+// Converts the top-left width x height pixels of an 8-bit BGR Mat into `frame`; 0, or -1
+// for another type or a scaler that cannot be made. `*scaler` is kept from call to call
+// while the conversion's sizes and formats stay, and rebuilt when they change; the
+// caller frees it with sws_freeContext.
+int fill_yuv_image(AVFrame *frame, int width, int height, const cv::Mat &img,
+                   SwsContext **scaler);
+// The same with a scaler of its own for this one frame.
 int fill_yuv_image(AVFrame *frame, int width, int height, cv::Mat &img);
 
 // The media writer: one object writes one file, used by one thread at a time.
@@ -179,6 +186,7 @@ private:
     int m_audioFrameSize = 0;     // samples per channel in one audio block
     bool m_driftCorrection = false; // the resampler may stretch the sound
     bool m_useFilter = false;     // write_video goes through the watermark graph
+    SwsContext *m_scaler = nullptr; // BGR -> the encoder's format: one for the recording
     AVFilterContext *buffersink_ctx = nullptr;
     AVFilterContext *buffersrc_ctx = nullptr;
     AVFilterGraph *filter_graph = nullptr;

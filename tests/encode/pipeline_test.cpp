@@ -1,11 +1,13 @@
 // The encoder thread and the feeder, on real files through the real writer.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include <opencv2/imgproc.hpp>
 
@@ -144,19 +146,38 @@ TEST_F(PipelineTest, RepeatsOfOnePictureShareItsPixelsAndAreAllWritten)
     // The source changes after the hand-over: the queued repeats must not see it.
     SyntheticCamera::makeFrame(kW, kH, 1, 0).copyTo(frame);
     e.addVideo(frame, 1);
-    EXPECT_EQ(e.videoQueueCount(), 5);
+    // The feeder's hand-over shares one picture across calls, as a slow camera's frame is
+    // handed over pass after pass.
+    const cv::Mat shared = SyntheticCamera::makeFrame(kW, kH, 2, 0);
+    e.addVideoShared(shared, 1, 5);
+    e.addVideoShared(shared, 2, 6);
+    EXPECT_EQ(e.videoQueueCount(), 8);
     QtMessageCollector log;
     testutil::captureStdout([&] {
         ASSERT_TRUE(startAndOpen(e));
         ASSERT_TRUE(finish(e));
     });
-    EXPECT_EQ(frameNumbers(read(path("repeats.mp4"))), (std::vector<long>{0, 0, 0, 0, 1}));
-    // Five frames queued, two pictures' worth of memory.
+    EXPECT_EQ(frameNumbers(read(path("repeats.mp4"))), (std::vector<long>{0, 0, 0, 0, 1, 2, 2, 2}));
+    // Eight frames queued, three pictures' worth of memory.
     const double pictureMiB = kW * kH * 3 / (1024.0 * 1024.0);
-    EXPECT_EQ(log.count(QStringLiteral("encoder: at most 5 video frames (%1 MiB)")
-                            .arg(2 * pictureMiB, 0, 'f', 1)),
+    EXPECT_EQ(log.count(QStringLiteral("encoder: at most 8 video frames (%1 MiB)")
+                            .arg(3 * pictureMiB, 0, 'f', 1)),
               1)
         << qPrintable(log.messages().join('\n'));
+}
+
+TEST_F(PipelineTest, OnePictureSharedAcrossHandOversCountsItsBytesOnce)
+{
+    FFmpegEncode e; // not started: hand-overs just queue
+    configure(e, path("unused.mp4"), true, false, 60); // the queue holds 60 frames
+    // Counted per entry or per call, these would pass the byte bound and be dropped.
+    const cv::Mat picture(1080, 1920, CV_8UC3, cv::Scalar(1, 2, 3));
+    constexpr int kEntries = 50;
+    ASSERT_GT(kEntries * picture.total() * picture.elemSize(), FFmpegEncode::kMaxQueuedVideoBytes);
+    for (int i = 0; i < kEntries; ++i)
+        e.addVideoShared(picture, 1, i);
+    EXPECT_EQ(e.videoQueueCount(), kEntries);
+    EXPECT_EQ(e.droppedVideoFrames(), 0);
 }
 
 TEST_F(PipelineTest, AudioOnlyWritesEveryBlockAndPrintsNoFlushLine)
@@ -340,6 +361,60 @@ TEST_F(PipelineTest, FeederScalesToTheExactSizeWithNearestNeighbour)
     EXPECT_GT(br[2], 200);
 }
 
+TEST_F(PipelineTest, FramesOfEverySizeTheHostSwitchesToDecodeAsTheirOwnConversion)
+{
+    // The feeder scales once per camera frame and the writer keeps its scaler: either kept
+    // for the wrong frame or size, or a buffer written again while queued, shows as another
+    // picture. Sizes: larger three times (new content, same size), smaller, the
+    // recording's own, the same with padded rows.
+    const std::vector<cv::Mat> host = {textureImage(320, 256, 1), textureImage(320, 256, 2),
+                                       textureImage(320, 256, 3), textureImage(80, 64, 4),
+                                       textureImage(kW, kH, 5),
+                                       paddedCopy(textureImage(kW, kH, 6), 7)};
+    FFmpegEncode e; // started after the hand-overs: the queue (one second) keeps them all
+    configure(e, path("switch.mkv"), true, false, 30);
+    e.setVideoBitrate(8000000);
+    VideoDataThread feeder;
+    feeder.start(&e);
+    for (cv::Mat frame : host) {
+        feeder.setData(frame);
+        // Two hand-overs that end after setData: the second read the slot after it.
+        for (int i = 0; i < 2; ++i) {
+            const int queued = e.videoQueueCount();
+            ASSERT_TRUE(testutil::pollUntil([&] { return e.videoQueueCount() > queued; }, 5s));
+        }
+    }
+    feeder.stop();
+    ASSERT_TRUE(testutil::pollUntil([&] { return !feeder.isReady(); }, 2s));
+    ASSERT_EQ(e.droppedVideoFrames(), 0);
+    testutil::captureStdout([&] {
+        ASSERT_TRUE(startAndOpen(e));
+        ASSERT_TRUE(finish(e));
+    });
+
+    std::vector<cv::Mat> expected;
+    for (const cv::Mat &frame : host) {
+        cv::Mat scaled;
+        cv::resize(frame, scaled, cv::Size(kW, kH), 0, 0, cv::INTER_NEAREST);
+        expected.push_back(throughYuv420(scaled));
+    }
+    const MediaFile f = read(path("switch.mkv"));
+    ASSERT_GE(f.frames.size(), host.size());
+    // Lossy coding at a high bit rate; another picture differs by tens.
+    constexpr double kTolerance = 1.0;
+    std::vector<int> seen(host.size());
+    for (size_t i = 0; i < f.frames.size(); ++i) {
+        std::vector<double> diff;
+        for (const cv::Mat &ref : expected)
+            diff.push_back(meanAbsDiff(f.frames[i], ref));
+        const auto best = std::min_element(diff.begin(), diff.end());
+        EXPECT_LT(*best, kTolerance) << "frame " << i << " is none of the host's";
+        ++seen[best - diff.begin()];
+    }
+    for (size_t k = 0; k < host.size(); ++k)
+        EXPECT_GT(seen[k], 0) << "host frame " << k << " not in the file";
+}
+
 TEST_F(PipelineTest, TheFeederHandsOverOneFramePerPeriodOfTheClock)
 {
     // Real time, on a busy or sanitized machine: a late pass catches up, so the count
@@ -381,8 +456,8 @@ TEST_F(PipelineTest, APausedFeederHandsNothingOverAndStopEndsItWithinAPeriod)
 
 TEST_F(PipelineTest, ProducersAndConsumerAtFullSpeedKeepTheLockOrder)
 {
-    // Run under the thread sanitizer: feeder (frame lock, then queue lock), a camera
-    // thread, an audio thread and the encoder thread all at full speed.
+    // Run under the thread sanitizer: feeder (frame lock, then queue lock, never both), a
+    // camera thread, an audio thread and the encoder thread all at full speed.
     FFmpegEncode e;
     configure(e, path("busy.mp4"), true, true, 240);
     VideoDataThread feeder;

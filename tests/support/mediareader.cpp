@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -52,22 +53,27 @@ double meanLuma(const AVFrame *f)
     return f->width && f->height ? sum / (double(f->width) * f->height) : 0;
 }
 
-void takePicture(Decoders &d, const AVFrame *f, MediaFile &out)
+// A decoded picture as BGR, with the scaler in `*sws` (kept for the next).
+cv::Mat toBgr(SwsContext **sws, const AVFrame *f)
 {
-    out.frameBrightness.push_back(meanLuma(f));
-    out.framePts.push_back(f->pts == AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts);
-    if (!d.keepPictures)
-        return;
-    d.sws = sws_getCachedContext(d.sws, f->width, f->height, static_cast<AVPixelFormat>(f->format),
-                                 f->width, f->height, AV_PIX_FMT_BGR24, SWS_POINT, nullptr,
-                                 nullptr, nullptr);
+    *sws = sws_getCachedContext(*sws, f->width, f->height, static_cast<AVPixelFormat>(f->format),
+                                f->width, f->height, AV_PIX_FMT_BGR24, SWS_POINT, nullptr,
+                                nullptr, nullptr);
     // swscale's vector code writes past the end of short rows: give it room, then
     // keep only the picture.
     cv::Mat room(f->height + 2, f->width + 64, CV_8UC3);
     uint8_t *dst[1] = {room.data};
     const int dstStride[1] = {static_cast<int>(room.step)};
-    sws_scale(d.sws, f->data, f->linesize, 0, f->height, dst, dstStride);
-    out.frames.push_back(room(cv::Rect(0, 0, f->width, f->height)).clone());
+    sws_scale(*sws, f->data, f->linesize, 0, f->height, dst, dstStride);
+    return room(cv::Rect(0, 0, f->width, f->height)).clone();
+}
+
+void takePicture(Decoders &d, const AVFrame *f, MediaFile &out)
+{
+    out.frameBrightness.push_back(meanLuma(f));
+    out.framePts.push_back(f->pts == AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts);
+    if (d.keepPictures)
+        out.frames.push_back(toBgr(&d.sws, f));
 }
 
 void takeSamples(Decoders &d, const AVFrame *f, AVRational timeBase, MediaFile &out)
@@ -303,6 +309,40 @@ cv::Mat paddedCopy(const cv::Mat &img, int extraPixelsPerRow)
     cv::Mat view = wide(cv::Rect(0, 0, img.cols, img.rows));
     img.copyTo(view);
     return view;
+}
+
+cv::Mat textureImage(int width, int height, int seed)
+{
+    cv::RNG rng(seed);
+    cv::Mat img(height, width, CV_8UC3);
+    rng.fill(img, cv::RNG::UNIFORM, 0, 256);
+    cv::GaussianBlur(img, img, cv::Size(3, 3), 0);
+    return img;
+}
+
+cv::Mat throughYuv420(const cv::Mat &bgr)
+{
+    AVFrame *yuv = av_frame_alloc();
+    if (!yuv)
+        return {};
+    yuv->format = AV_PIX_FMT_YUV420P;
+    yuv->width = bgr.cols;
+    yuv->height = bgr.rows;
+    SwsContext *to = sws_getContext(bgr.cols, bgr.rows, AV_PIX_FMT_BGR24, bgr.cols, bgr.rows,
+                                    AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR, nullptr, nullptr,
+                                    nullptr);
+    cv::Mat out;
+    if (to && bgr.type() == CV_8UC3 && av_frame_get_buffer(yuv, 0) >= 0) {
+        const uint8_t *src[1] = {bgr.data};
+        const int srcStride[1] = {static_cast<int>(bgr.step[0])};
+        sws_scale(to, src, srcStride, 0, bgr.rows, yuv->data, yuv->linesize);
+        SwsContext *back = nullptr;
+        out = toBgr(&back, yuv);
+        sws_freeContext(back);
+    }
+    sws_freeContext(to);
+    av_frame_free(&yuv);
+    return out;
 }
 
 double meanAbsDiff(const cv::Mat &a, const cv::Mat &b)

@@ -63,6 +63,12 @@ double dominantFrequency(const std::vector<int16_t> &interleaved, int channels, 
 cv::Mat solidImage(int width, int height, const cv::Scalar &bgr);
 cv::Mat gradientImage(int width, int height);
 cv::Mat paddedCopy(const cv::Mat &img, int extraPixelsPerRow);
+// A BGR picture of blurred noise, the same for the same seed: scaled, cropped or
+// swapped for another, it differs everywhere.
+cv::Mat textureImage(int width, int height, int seed);
+// `bgr` as a lossless file of it decodes: converted to YUV 4:2:0 the writer's way and
+// back the reader's way, each with a scaler made for this picture alone.
+cv::Mat throughYuv420(const cv::Mat &bgr);
 
 // Mean absolute difference per channel value between two same-size BGR pictures
 // (optionally only inside `roi`).
