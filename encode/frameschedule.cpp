@@ -39,8 +39,10 @@ int FrameSchedule::take(Clock::time_point now)
     // Frames 0 .. due-1 have their due time at or before now.
     const int64_t due = elapsedNs * m_fps / 1000000000LL + 1;
     const int64_t backlog = due - m_next;
-    if (backlog <= 0)
+    if (backlog <= 0) {
+        m_takenFirst = m_next;
         return 0;
+    }
     const int64_t cap = m_fps; // one second's worth
     const int64_t handed = std::min(backlog, cap);
     m_notMadeUp += backlog - handed;
@@ -48,6 +50,14 @@ int FrameSchedule::take(Clock::time_point now)
     m_takenFirst = due - handed;
     m_next = due;
     return static_cast<int>(handed);
+}
+
+int FrameSchedule::takenDueBefore(Clock::time_point t) const
+{
+    int64_t k = m_takenFirst;
+    while (k < m_next && dueTime(k) < t)
+        ++k;
+    return static_cast<int>(k - m_takenFirst);
 }
 
 FrameSchedule::Clock::time_point FrameSchedule::nextDue() const

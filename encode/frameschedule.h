@@ -31,6 +31,10 @@ public:
     int take(Clock::time_point now);
     // pts of the first of the frames the last take() returned.
     int64_t takenPts() const { return m_runPts + m_takenFirst; }
+    // How many frames the last take() returned.
+    int takenCount() const { return static_cast<int>(m_next - m_takenFirst); }
+    // How many of the frames the last take() returned were due before `t`.
+    int takenDueBefore(Clock::time_point t) const;
     // When the next frame is due.
     Clock::time_point nextDue() const;
 

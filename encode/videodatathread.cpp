@@ -28,15 +28,18 @@ VideoDataThread::~VideoDataThread()
 
 void VideoDataThread::setData(cv::Mat &frame)
 {
+    const auto given = std::chrono::steady_clock::now();
     // Copied outside the lock, so that the feeder never waits for it.
     cv::Mat fresh;
     frame.copyTo(fresh);
     {
         std::lock_guard<std::mutex> lock(frameMutex);
-        std::swap(currentFrame, fresh);
-        ++frameSerial;
+        std::swap(slot.previous, slot.current);
+        std::swap(slot.current.frame, fresh);
+        slot.current.serial = ++frameSerial;
+        slot.current.given = given;
     }
-    // The slot's last frame is let go here, outside the lock (freed unless queued).
+    // The slot's frame before last is let go here, outside the lock (freed unless queued).
 }
 
 void VideoDataThread::start(FFmpegEncode *encoder)
@@ -93,34 +96,59 @@ void VideoDataThread::run()
     exit.markReturned();
 }
 
-// Hands the slot's frame to the encoder `copies` times at the target size, the first
-// with `pts`; false when the slot was empty. The queue shares the slot's pixels, or those
-// of their scaled copy, made once per camera frame however often it is handed over.
-bool VideoDataThread::handOver(int width, int height, int copies, int64_t pts)
+// The picture at the target size: the frame itself, or its scaled copy, made once per
+// camera frame (a new buffer each time: the queue may still share the last one).
+cv::Mat VideoDataThread::atTargetSize(const GivenFrame &g, int width, int height)
 {
-    cv::Mat frame;
-    uint64_t serial = 0;
+    if (g.frame.rows == height && g.frame.cols == width)
+        return g.frame;
+    if (scaledFrame.empty() || scaledSerial != g.serial) {
+        cv::Mat scaled(height, width, g.frame.type());
+        cv::resize(g.frame, scaled, cv::Size(width, height), 0, 0, cv::INTER_NEAREST);
+        scaledFrame = scaled;
+        scaledSerial = g.serial;
+    }
+    return scaledFrame;
+}
+
+// Hands over the frames the schedule's last take() made due, at the target size; false
+// when the slot was empty. Each frame gets the picture the camera gave nearest its due
+// time: a late pass must not show a picture long before it existed.
+bool VideoDataThread::handOver(int width, int height, const FrameSchedule &schedule)
+{
+    GivenFrame current, previous;
     {
         std::lock_guard<std::mutex> lock(frameMutex);
-        frame = currentFrame;
-        serial = frameSerial;
+        current = slot.current;
+        previous = slot.previous;
     }
     // An empty slot has nothing to scale: the pass hands nothing over.
-    if (frame.empty())
+    if (current.frame.empty())
         return false;
-    if (frame.rows != height || frame.cols != width) {
-        if (scaledFrame.empty() || scaledSerial != serial) {
-            // A new buffer: the queue may still share the last one.
-            cv::Mat scaled(height, width, frame.type());
-            cv::resize(frame, scaled, cv::Size(width, height), 0, 0, cv::INTER_NEAREST);
-            scaledFrame = scaled;
-            scaledSerial = serial;
+    const int copies = schedule.takenCount();
+    const int64_t pts = schedule.takenPts();
+    // A picture stands for the frames due from half a period before it came: nearer to
+    // them than the one before it. Frames [0, beforePrevious) are too early for the
+    // previous picture, frames [beforePrevious, beforeCurrent) for the current one.
+    const auto halfPeriod = std::chrono::nanoseconds(500000000LL / schedule.fps());
+    const int beforeCurrent = std::min(schedule.takenDueBefore(current.given - halfPeriod), copies);
+    const int beforePrevious = previous.frame.empty()
+        ? beforeCurrent
+        : std::min(schedule.takenDueBefore(previous.given - halfPeriod), beforeCurrent);
+    int handed = 0;
+    const auto hand = [&](const cv::Mat &picture, int upTo) {
+        if (upTo > handed) {
+            encoder->addVideoShared(picture, upTo - handed, pts + handed);
+            lastHanded = picture;
+            handed = upTo;
         }
-        frame = scaledFrame;
-    } else {
-        scaledFrame.release();
-    }
-    encoder->addVideoShared(frame, copies, pts);
+    };
+    // Before any picture came (the recording's first frames) the first one stands in.
+    if (!lastHanded.empty())
+        hand(lastHanded, beforePrevious);
+    if (!previous.frame.empty())
+        hand(atTargetSize(previous, width, height), beforeCurrent);
+    hand(atTargetSize(current, width, height), copies);
     return true;
 }
 
@@ -157,7 +185,7 @@ void VideoDataThread::feed()
         if (!inRun)
             beginRun(now);
         const int due = schedule.take(now);
-        if (due > 0 && handOver(width, height, due, schedule.takenPts()))
+        if (due > 0 && handOver(width, height, schedule))
             handed += due;
         const auto wake = std::max(schedule.nextDue(),
                                    FrameSchedule::Clock::now() + kMinRestBetweenPasses);
@@ -172,10 +200,11 @@ void VideoDataThread::feed()
         if (!inRun)
             beginRun(stoppedAt);
         const int due = schedule.take(stoppedAt);
-        if (due > 0 && handOver(width, height, due, schedule.takenPts()))
+        if (due > 0 && handOver(width, height, schedule))
             handed += due;
     }
     scaledFrame.release();
+    lastHanded.release();
     qDebug().noquote() << QStringLiteral("video feeder: %1 frames handed over; %2 frames made up "
                                          "after stalls, %3 not made up")
                               .arg(handed)

@@ -3,11 +3,14 @@
 
 #include <QThread>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <opencv2/core/mat.hpp>
 
 #include "media/threadexit.h"
+
+class FrameSchedule;
 
 class FFmpegEncode;
 
@@ -38,7 +41,14 @@ protected:
 
 private:
     void feed();
-    bool handOver(int width, int height, int copies, int64_t pts);
+    // A picture the host gave, and when.
+    struct GivenFrame {
+        cv::Mat frame;      // a private copy nobody writes again
+        uint64_t serial = 0; // setData calls up to this one
+        std::chrono::steady_clock::time_point given;
+    };
+    bool handOver(int width, int height, const FrameSchedule &schedule);
+    cv::Mat atTargetSize(const GivenFrame &g, int width, int height);
 
     std::atomic<bool> ready{false};    // run() has begun and not yet returned
     std::mutex controlMutex;           // guards the writes of running and pause, for the waits
@@ -46,12 +56,16 @@ private:
     std::atomic<bool> running{false};  // keep looping
     std::atomic<bool> pause{false};    // hand nothing over
     std::chrono::steady_clock::time_point stopAt; // when stop() was called; guarded by controlMutex
-    std::mutex frameMutex;             // guards currentFrame and frameSerial
-    cv::Mat currentFrame;              // newest frame, a private copy nobody writes again
-    uint64_t frameSerial = 0;          // setData calls so far: which frame the slot holds
-    // The feeder's own: the slot's frame at the recording size, and the serial it is of.
+    std::mutex frameMutex;             // guards slot and frameSerial
+    struct {
+        GivenFrame current;            // the newest picture
+        GivenFrame previous;           // the one before: a late pass may need it
+    } slot;
+    uint64_t frameSerial = 0;          // setData calls so far
+    // The feeder's own: a slot picture at the recording size, and the serial it is of.
     cv::Mat scaledFrame;
     uint64_t scaledSerial = 0;
+    cv::Mat lastHanded;                // the feeder's: the picture it handed over last
     FFmpegEncode *encoder = nullptr;   // not owned
     ThreadExit exit;                   // joins run() visibly to the sanitizer
 };

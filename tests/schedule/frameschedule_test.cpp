@@ -66,6 +66,12 @@ TEST(FrameSchedule, AShortStallIsMadeUpInFull)
     EXPECT_EQ(s.take(t0), 1);
     // The next pass comes 300 ms late: frames 1..9 are due (due times 33.3 .. 300 ms).
     EXPECT_EQ(s.take(t0 + milliseconds(300)), 9);
+    EXPECT_EQ(s.takenCount(), 9);
+    // A picture the camera gave 50 ms in was not there for frame 1 (due 33.3 ms) only;
+    // one given after the pass, for none of them.
+    EXPECT_EQ(s.takenDueBefore(t0 + milliseconds(50)), 1);
+    EXPECT_EQ(s.takenDueBefore(t0), 0);
+    EXPECT_EQ(s.takenDueBefore(t0 + milliseconds(301)), 9);
     EXPECT_EQ(s.madeUp(), 8);
     EXPECT_EQ(s.notMadeUp(), 0);
     EXPECT_EQ(s.nextDue(), t0 + nanoseconds((10 * 1000000000LL + 29) / 30));
@@ -79,10 +85,13 @@ TEST(FrameSchedule, ALongStallIsMadeUpToOneSecondAndCounted)
     EXPECT_EQ(s.take(t0), 1);
     // 3 s with no pass: 90 frames due, one second (30) handed over, 60 dropped.
     EXPECT_EQ(s.take(t0 + seconds(3)), 30);
+    // The latest second is handed over: frames 61..90, due from 2.033 s on.
+    EXPECT_EQ(s.takenDueBefore(t0 + milliseconds(2500)), 14);
     EXPECT_EQ(s.notMadeUp(), 60);
     EXPECT_EQ(s.madeUp(), 29);
     // The schedule goes on from where the clock is, not from the dropped frames.
     EXPECT_EQ(s.take(t0 + seconds(3)), 0);
+    EXPECT_EQ(s.takenCount(), 0);
     EXPECT_EQ(s.take(t0 + seconds(3) + milliseconds(34)), 1);
 }
 
