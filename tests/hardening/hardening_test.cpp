@@ -166,9 +166,11 @@ TEST_F(HardeningTest, AThrowingFrameSourceEndsTheRecordingAndKeepsWhatWasRecorde
 
 TEST_F(HardeningTest, FramesOfAnotherTypeAreRefusedAndOthersScaled)
 {
-    // Grey, BGRA, 16-bit and changing sizes among good frames: no crash, no garbage.
+    // Grey, BGRA, 16-bit and changing sizes among good frames: no crash, no garbage. Each
+    // kind lasts ten frames of the camera (50 ms), so that the recording's due instants
+    // cannot fall in step with one kind of frame.
     ScriptedCamera cam([](long n) {
-        switch (n % 6) {
+        switch (n / 10 % 6) {
         case 0: return cv::Mat(120, 160, CV_8UC1, cv::Scalar(200));
         case 1: return cv::Mat(120, 160, CV_8UC4, cv::Scalar(1, 2, 3, 4));
         case 2: return cv::Mat(120, 160, CV_16UC3, cv::Scalar(9000, 9000, 9000));
@@ -180,7 +182,7 @@ TEST_F(HardeningTest, FramesOfAnotherTypeAreRefusedAndOthersScaled)
     const std::string file = path("types.mkv");
     EXPECT_TRUE(run(cam, file, 1500ms));
     const MediaFile f = readableOrAbsent(file);
-    ASSERT_GE(f.frames.size(), 10u); // the good ones are recorded
+    ASSERT_GE(f.frames.size(), 8u); // the good ones, about half, are recorded
     for (const cv::Mat &img : f.frames) {
         ASSERT_EQ(img.size(), cv::Size(160, 120));
         const cv::Scalar m = cv::mean(img);
