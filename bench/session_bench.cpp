@@ -1,13 +1,12 @@
 // Records through the built plugin as a host does (synthetic 30 fps camera, simulated
 // microphone) and prints what a user pays and gets: CPU seconds per recorded second,
 // peak memory, the most frames ever queued, frames in the file against wall time x fps,
-// the audio/video duration gap, and the same CPU and peak memory for the ffmpeg command
-// line encoding the same frames with the same settings, measured in the same run. Then,
-// per size, the stop latency (stopRecord until isRecording() is false) over a series of
+// and the audio/video duration gap (speed_bench compares the CPU and memory with the ffmpeg
+// command line in interleaved pairs). Then, per size, the stop latency (stopRecord until isRecording() is false) over a series of
 // short recordings, and once, the total time of back-to-back start/stop cycles.
 //
 // usage: session_bench [--seconds N] [--sizes 1280x720,1920x1080] [--fps N] [--bitrate N]
-//                      [--stops N] [--cycles N] [--no-reference] [--plugin PATH]
+//                      [--stops N] [--cycles N] [--plugin PATH]
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QRegularExpression>
@@ -43,7 +42,6 @@ struct Options {
     std::vector<std::pair<int, int>> sizes{{1280, 720}, {1920, 1080}};
     int fps = 30;
     unsigned bitrate = 2000000;
-    bool reference = true;
     int stops = 20;      // short recordings whose stop latency is measured, per size
     int cycles = 200;    // start/stop cycles timed in all
     QString plugin = QStringLiteral(RECORDER_PLUGIN_PATH);
@@ -135,30 +133,6 @@ double cyclesSeconds(const Options &o, int count)
     return ok ? std::chrono::duration<double>(Clock::now() - t0).count() : -1;
 }
 
-// Encodes `count` frames of the camera's cycle plus a sine track with the ffmpeg command
-// line at the recorder's settings; returns its CPU seconds (-1 on failure).
-double referenceCpu(const PrerenderedCamera &cam, int w, int h, int fps, unsigned bitrate,
-                    long count, double seconds, const std::string &out)
-{
-    const std::string cmd = "ffmpeg -loglevel error -y -f rawvideo -pix_fmt bgr24 -s "
-        + std::to_string(w) + "x" + std::to_string(h) + " -r " + std::to_string(fps)
-        + " -i - -f lavfi -i sine=frequency=1000:sample_rate=48000:duration="
-        + std::to_string(seconds) + " -c:v libx264 -preset superfast -tune zerolatency -g 12 -b:v "
-        + std::to_string(bitrate) + " -pix_fmt yuv420p -c:a aac -b:a 64000 -ac 1 " + out;
-    const double before = cpuSeconds(RUSAGE_CHILDREN);
-    FILE *pipe = popen(cmd.c_str(), "w");
-    if (!pipe)
-        return -1;
-    for (long i = 0; i < count; ++i) {
-        const cv::Mat &f = cam.frames()[i % PrerenderedCamera::kFrames];
-        if (fwrite(f.data, 1, f.total() * f.elemSize(), pipe) != f.total() * f.elemSize())
-            break;
-    }
-    if (pclose(pipe) != 0)
-        return -1;
-    return cpuSeconds(RUSAGE_CHILDREN) - before;
-}
-
 // One size, in a process of its own so that peak memory is this run's.
 int runOne(const Options &o, int w, int h)
 {
@@ -238,20 +212,6 @@ int runOne(const Options &o, int w, int h)
     const double cameraMiB = PrerenderedCamera::kFrames * double(w) * h * 3 / (1024 * 1024);
     std::printf("  peak resident memory   %.1f MiB  (%.1f MiB of it the camera's own frames)\n",
                 peak / 1024.0, cameraMiB);
-    if (o.reference) {
-        const double ref = referenceCpu(camera, w, h, o.fps, o.bitrate, frames, videoSeconds,
-                                        dir.filePath("ref.mp4").toStdString());
-        if (ref > 0) {
-            std::printf("  ffmpeg CLI CPU         %.3f s per second of content (%.1f s in all)\n",
-                        ref / videoSeconds, ref);
-            std::printf("  ratio plugin / ffmpeg  %.2f\n", (cpu / wall) / (ref / videoSeconds));
-            const long refPeak = peakKiB(RUSAGE_CHILDREN);
-            std::printf("  ffmpeg CLI peak memory %.1f MiB  (plugin %+.1f MiB)\n", refPeak / 1024.0,
-                        (peak - refPeak) / 1024.0);
-        } else {
-            std::printf("  ffmpeg CLI reference failed\n");
-        }
-    }
     if (o.stops > 0) {
         std::vector<double> ms = stopLatenciesMs(rec, o.stops);
         if (ms.empty()) {
@@ -283,12 +243,11 @@ Options parseOptions()
          QStringLiteral("N")},
         {QStringLiteral("cycles"), QStringLiteral("Start/stop cycles timed (200; 0: none)."),
          QStringLiteral("N")},
-        {QStringLiteral("no-reference"), QStringLiteral("Skip the ffmpeg command line run.")},
         {QStringLiteral("plugin"), QStringLiteral("The plugin library to load."),
          QStringLiteral("PATH")},
     });
-    commandline::parseOrExit(p, QStringLiteral("Records through the built plugin and compares "
-                                               "its cost with the ffmpeg command line."));
+    commandline::parseOrExit(p, QStringLiteral("Records through the built plugin and prints "
+                                               "what it costs and delivers."));
     Options o;
     commandline::readNumber(p, QStringLiteral("seconds"), o.seconds, kMinSeconds, kMaxSeconds);
     commandline::readSizes(p, QStringLiteral("sizes"), o.sizes);
@@ -296,7 +255,6 @@ Options parseOptions()
     commandline::readInteger(p, QStringLiteral("bitrate"), o.bitrate, 1, kMaxBitrate);
     commandline::readInteger(p, QStringLiteral("stops"), o.stops, 0, kMaxRuns);
     commandline::readInteger(p, QStringLiteral("cycles"), o.cycles, 0, kMaxRuns);
-    o.reference = !p.isSet(QStringLiteral("no-reference"));
     if (p.isSet(QStringLiteral("plugin")))
         o.plugin = p.value(QStringLiteral("plugin"));
     return o;
