@@ -56,6 +56,8 @@ constexpr double kMaxSeconds = 86400;
 constexpr int kMaxFps = 240;
 constexpr long long kMaxBitrate = 200000000; // bit/s
 constexpr long long kMaxRuns = 100000;
+// Distinct pictures the camera cycles through (drawn before the recording).
+constexpr int kCameraPictures = 30;
 
 double cpuSeconds(int who)
 {
@@ -145,7 +147,7 @@ int runOne(const Options &o, int w, int h)
 
     simulatedmic::reset();
     simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
-    PrerenderedCamera camera(w, h, o.fps);
+    CyclingCamera camera(CyclingCamera::synthetic(w, h, o.fps, kCameraPictures), o.fps);
     QtMessageCollector log;
     LoadedRecorder rec(o.plugin);
     if (!rec.loaded()) {
@@ -209,7 +211,7 @@ int runOne(const Options &o, int w, int h)
     std::printf("  peak queued frames     %ld  (%ld dropped)\n", peakQueued, dropped);
     std::printf("  plugin CPU             %.3f s per recorded second (%.1f s in all)\n", cpu / wall,
                 cpu);
-    const double cameraMiB = PrerenderedCamera::kFrames * double(w) * h * 3 / (1024 * 1024);
+    const double cameraMiB = kCameraPictures * double(w) * h * 3 / (1024 * 1024);
     std::printf("  peak resident memory   %.1f MiB  (%.1f MiB of it the camera's own frames)\n",
                 peak / 1024.0, cameraMiB);
     if (o.stops > 0) {

@@ -1,4 +1,4 @@
-# The soak: the long runs of the hardening tests, for as long as asked (not run in CI).
+# The soak: the long runs of the session tests, for as long as asked (not run in CI).
 if(TARGET fakealsa AND TARGET recorder_testsupport)
   add_executable(soak_bench ${CMAKE_CURRENT_LIST_DIR}/soak_bench.cpp)
   target_include_directories(soak_bench PRIVATE ${PROJECT_SOURCE_DIR}/tests/session)

@@ -1,4 +1,4 @@
-// Runs the hardening tests' long runs for as long as asked, through the built plugin with
+// Runs the session tests' long runs for as long as asked, through the built plugin with
 // the simulated microphone, and prints what they leave behind:
 //   cycles  start/stop cycles of a small recording, back to back: resident size (after
 //           returning free heap pages) and thread count every 25 cycles;
@@ -54,7 +54,7 @@ constexpr long long kMaxBitrate = 200000000; // bit/s
 
 // Cycles report every this many cycles.
 constexpr int kReportEvery = 25;
-// The cycles' reference point, as in the hardening test: after the first allocations.
+// The cycles' reference point, as in the session test: after the first allocations.
 constexpr int kReferenceCycle = 20;
 
 int soakCycles(const Options &o, const std::string &file)

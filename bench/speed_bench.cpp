@@ -36,6 +36,7 @@
 #include "support/mediareader.h"
 #include "support/qtmessages.h"
 #include "support/testutil.h"
+#include "syntheticcamera.h"
 
 namespace {
 
@@ -158,34 +159,6 @@ std::vector<cv::Mat> renderPictures(int w, int h)
     }
     return pictures;
 }
-
-// Hands out the pictures in turn at the camera's rate, on a steady-clock schedule; a
-// host that owns its frames and lends them (the recorder copies what it keeps).
-class CyclingCamera : public PluginComponent
-{
-public:
-    CyclingCamera(const std::vector<cv::Mat> &pictures, int fps)
-        : m_pictures(pictures)
-        , m_period(std::chrono::nanoseconds(1000000000LL / fps))
-    {
-    }
-    void beginUse() override {}
-    bool getFrame(cv::Mat &frame) override
-    {
-        if (m_next == 0)
-            m_start = Clock::now();
-        std::this_thread::sleep_until(m_start + m_period * m_next);
-        frame = m_pictures[m_next++ % m_pictures.size()];
-        return true;
-    }
-    void endUse() override {}
-
-private:
-    const std::vector<cv::Mat> &m_pictures;
-    const Clock::duration m_period;
-    Clock::time_point m_start;
-    long m_next = 0;
-};
 
 // Records `seconds` through the plugin into `file`. Runs in a process of its own, so
 // that its peak memory is this recording's.

@@ -100,3 +100,26 @@ long SyntheticCamera::readFrameNumber(const cv::Mat &bgr)
     }
     return value;
 }
+
+CyclingCamera::CyclingCamera(std::vector<cv::Mat> pictures, int fps)
+    : m_pictures(std::move(pictures))
+    , m_period(std::chrono::nanoseconds(1000000000LL / (fps > 0 ? fps : 1)))
+{
+}
+
+std::vector<cv::Mat> CyclingCamera::synthetic(int width, int height, int fps, int count)
+{
+    std::vector<cv::Mat> pictures;
+    for (int i = 0; i < count; ++i)
+        pictures.push_back(SyntheticCamera::makeFrame(width, height, i, i * 1000LL / (fps > 0 ? fps : 1)));
+    return pictures;
+}
+
+bool CyclingCamera::getFrame(cv::Mat &frame)
+{
+    if (m_next == 0)
+        m_start = Clock::now();
+    std::this_thread::sleep_until(m_start + m_period * m_next);
+    frame = m_pictures[m_next++ % m_pictures.size()];
+    return true;
+}

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <mutex>
 #include <opencv2/core/mat.hpp>
+#include <vector>
 
 #include "plugincomponent.h"
 
@@ -46,6 +47,29 @@ private:
     std::atomic<long> m_delivered{0};     // frames handed out
     mutable std::mutex m_lastMutex;       // guards m_last
     cv::Mat m_last;                       // newest frame handed out
+};
+
+// Hands out pictures drawn beforehand, in turn, at the camera's rate on a steady-clock
+// schedule, so that drawing costs nothing while a recording is measured. The pictures are
+// lent: the recorder copies what it keeps.
+class CyclingCamera : public PluginComponent
+{
+public:
+    CyclingCamera(std::vector<cv::Mat> pictures, int fps);
+    // The synthetic camera's frames 0 to count - 1, as taken at fps.
+    static std::vector<cv::Mat> synthetic(int width, int height, int fps, int count);
+
+    void beginUse() override {}
+    bool getFrame(cv::Mat &frame) override;
+    void endUse() override {}
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    const std::vector<cv::Mat> m_pictures;
+    const Clock::duration m_period; // between frames
+    Clock::time_point m_start;      // when the first frame was asked for
+    long m_next = 0;                // index of the next frame; session thread only
 };
 
 #endif // SYNTHETICCAMERA_H

@@ -7,9 +7,6 @@
 #include <QThread>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <thread>
-
 #include "plugin/ffmpegplugin.h"
 #include "support/qtmessages.h"
 #include "support/testutil.h"
@@ -73,68 +70,24 @@ TEST_F(PluginTest, OneInstanceUntilItsOwnerDeletesIt)
     EXPECT_EQ(second.instance(), instance);
 
     recorder()->setFps(25);
-    recorder()->setFilename("changed.mkv");
+    recorder()->setFilename(QStringLiteral("名字 with spaces.mkv"));
+    EXPECT_EQ(recorder()->filename(), QStringLiteral("名字 with spaces.mkv"));
     delete instance;
-    QObject *fresh = loadInstance(loader);
-    ASSERT_NE(fresh, nullptr);
-    FFMPEGPlugin *r = qobject_cast<FFMPEGPlugin *>(fresh);
+    FFMPEGPlugin *r = qobject_cast<FFMPEGPlugin *>(loadInstance(loader));
     ASSERT_NE(r, nullptr);
     // Nothing of the deleted instance survives: a new one has the defaults.
     EXPECT_EQ(r->fps(), 10);
     EXPECT_EQ(r->filename(), QStringLiteral("out.mp4"));
 }
 
-TEST_F(PluginTest, FreshRecorderHasTheDefaultsAndStoresSettingsUnchanged)
-{
-    FFMPEGPlugin *r = recorder();
-    ASSERT_NE(r, nullptr);
-    EXPECT_TRUE(r->hasVideo());
-    EXPECT_TRUE(r->hasAudio());
-    EXPECT_EQ(r->fps(), 10);
-    EXPECT_EQ(r->videoBitrate(), 500000u);
-    EXPECT_EQ(r->filename(), QStringLiteral("out.mp4"));
-    EXPECT_FALSE(r->isRecording());
-
-    r->setHasVideo(false);
-    r->setHasAudio(false);
-    r->setFps(-3);
-    r->setVideoBitrate(4000000000u);
-    r->setFilename(QStringLiteral("名字 with spaces.mp4"));
-    EXPECT_FALSE(r->hasVideo());
-    EXPECT_FALSE(r->hasAudio());
-    EXPECT_EQ(r->fps(), -3);
-    EXPECT_EQ(r->videoBitrate(), 4000000000u);
-    EXPECT_EQ(r->filename(), QStringLiteral("名字 with spaces.mp4"));
-    r->setHasVideo(true);
-    r->setHasAudio(true);
-    r->setFps(10);
-    r->setVideoBitrate(500000);
-    r->setFilename("out.mp4");
-}
-
-TEST_F(PluginTest, PauseAndResumeAreRefusedWhenIdle)
-{
-    FFMPEGPlugin *r = recorder();
-    ASSERT_NE(r, nullptr);
-    EXPECT_FALSE(r->bPauseRec());
-    EXPECT_FALSE(r->bResumeRec());
-    EXPECT_FALSE(r->isRecording());
-}
-
-TEST_F(PluginTest, WaitForRecordStartWithoutASessionAnswersAtOnce)
-{
-    FFMPEGPlugin *r = recorder();
-    ASSERT_NE(r, nullptr);
-    const auto t0 = std::chrono::steady_clock::now();
-    EXPECT_FALSE(r->waitForRecordStart(0));
-    EXPECT_FALSE(r->waitForRecordStart(-1)); // no session pending: must not block for ever
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(2));
-}
-
 TEST_F(PluginTest, NothingWantedLogsWhyWakesWaitersAndCanStartAgain)
 {
     FFMPEGPlugin *r = recorder();
     ASSERT_NE(r, nullptr);
+    // Idle: pause and resume are refused, and a wait for the start answers at once.
+    EXPECT_FALSE(r->bPauseRec());
+    EXPECT_FALSE(r->bResumeRec());
+    EXPECT_FALSE(r->waitForRecordStart(-1));
     QtMessageCollector log;
     r->setHasVideo(false);
     r->setHasAudio(false);
@@ -151,8 +104,6 @@ TEST_F(PluginTest, NothingWantedLogsWhyWakesWaitersAndCanStartAgain)
                                         std::chrono::seconds(5)));
     }
     EXPECT_FALSE(r->bPauseRec());
-    r->setHasVideo(true);
-    r->setHasAudio(true);
 }
 
 int main(int argc, char **argv)

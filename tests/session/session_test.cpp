@@ -1,25 +1,75 @@
-// Recordings end to end through the built plugin, as a host makes them: the file is
-// decoded and checked, and so are the lines the user reads and the host contract.
+// Recordings end to end through the built plugin, driven as a host drives it: the file is
+// decoded and checked, and so are the lines the user reads and the host contract. Every
+// case, good or bad, must end with the session over, isRecording() false, endUse called
+// once per beginUse, and a file that is either complete and readable or absent.
 #include <QCoreApplication>
 #include <QFile>
 #include <QRegularExpression>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
 #include <thread>
 
+#include <opencv2/core.hpp>
+
+#include "encode/ffmpegencode.h"
+#include "fakealsa.h"
 #include "simulatedmic.h"
+#include "support/heavyrecording.h"
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
 #include "support/qtmessages.h"
-#include "support/testcameras.h"
 #include "support/testutil.h"
 #include "syntheticcamera.h"
 
 using namespace std::chrono_literals;
 
 namespace {
+
+// The sanitizers' allocators keep freed memory in quarantine: resident size says nothing
+// about leaks there (LeakSanitizer checks those instead), and they are too slow for real time.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kPlainBuild = false;
+#else
+constexpr bool kPlainBuild = true;
+#endif
+
+// A camera whose frames the test shapes: a function of the frame number; an empty
+// picture is a call that found no frame.
+class ScriptedCamera : public PluginComponent
+{
+public:
+    using Maker = std::function<cv::Mat(long)>;
+    explicit ScriptedCamera(Maker make, std::chrono::milliseconds period = 20ms)
+        : m_make(std::move(make)), m_period(period) {}
+    void beginUse() override { ++begins; }
+    bool getFrame(cv::Mat &frame) override
+    {
+        std::this_thread::sleep_for(m_period);
+        frame = m_make(frames++);
+        return !frame.empty();
+    }
+    void endUse() override { ++ends; }
+    std::atomic<int> begins{0}, ends{0};
+    std::atomic<long> frames{0}; // getFrame calls
+
+private:
+    Maker m_make;
+    std::chrono::milliseconds m_period;
+};
+
+cv::Mat solid(int w, int h, cv::Scalar c = cv::Scalar(20, 120, 220))
+{
+    return cv::Mat(h, w, CV_8UC3, c);
+}
+
+cv::Mat marked(long n)
+{
+    return SyntheticCamera::makeFrame(160, 120, n, 0);
+}
 
 // The duration the session printed ("msecs:%d" or "msec:%d"); INT_MIN if absent.
 int printedDuration(const std::string &out, const char *label)
@@ -37,26 +87,60 @@ protected:
     {
         simulatedmic::reset();
         ASSERT_TRUE(rec.loaded()) << qPrintable(rec.error());
+        rec->setHasAudio(false);
+        rec->vSetRecSize(160, 120);
+        rec->setFps(20);
     }
-    QString path(const char *name) const { return QString::fromStdString(dir.file(name)); }
+    std::string path(const std::string &name) const { return dir.file(name); }
 
-    struct Recording {
-        std::string out; // stdout of the whole session
-        double wall = 0; // seconds from the start answer to stopRecord
+    struct Run {
+        bool started = false; // the start answer
+        double wall = 0;      // seconds from the start answer to stopRecord
+        std::string out;      // standard output of the whole session
     };
-    // Records for `duration` with the current settings.
-    Recording record(std::chrono::milliseconds duration)
+    // Starts, waits for the answer, runs `during`, records until `length` has passed since
+    // the answer and stops. The session must always end, and end its use of the camera.
+    Run run(PluginComponent &camera, const std::string &file, std::chrono::milliseconds length,
+            const std::function<void()> &during = {})
     {
-        Recording r;
+        rec->setPluginComponent(&camera);
+        rec->setFilename(QString::fromStdString(file));
+        Run r;
         r.out = testutil::captureStdout([&] {
             rec->startRecord();
-            EXPECT_TRUE(rec->waitForRecordStart(20000));
+            r.started = rec->waitForRecordStart(30000);
             const auto t0 = std::chrono::steady_clock::now();
-            std::this_thread::sleep_for(duration);
+            if (during)
+                during();
+            std::this_thread::sleep_until(t0 + length);
             r.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
             EXPECT_TRUE(rec.stopAndWait(60s));
         });
+        EXPECT_FALSE(rec->isRecording());
+        if (auto *scripted = dynamic_cast<ScriptedCamera *>(&camera)) {
+            EXPECT_TRUE(testutil::pollUntil([&] { return scripted->ends == 1; }, 10s));
+            EXPECT_EQ(scripted->begins, 1);
+        }
         return r;
+    }
+
+    // The file is complete and readable (returns it), or absent.
+    MediaFile readableOrAbsent(const std::string &file, bool decodePictures = true)
+    {
+        MediaFile f;
+        if (!QFile::exists(QString::fromStdString(file)))
+            return f;
+        std::string err;
+        EXPECT_TRUE(readMediaFile(file, f, &err, decodePictures)) << file << ": " << err;
+        return f;
+    }
+
+    // Adds the camera's microphone with a card whose behaviour `shape` sets.
+    static void addMicrophone(const std::function<void(fakealsa::Capture &)> &shape)
+    {
+        fakealsa::Capture c;
+        shape(c);
+        fakealsa::addCard("KW-08P USBCamera", {}, c);
     }
 
     testutil::TempDir dir;
@@ -69,11 +153,10 @@ TEST_F(SessionTest, VideoAndSoundGoIntoOneMp4WhoseStreamsLastTheRecordingTime)
 {
     simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
     SyntheticCamera camera(320, 240, 15);
-    rec->setPluginComponent(&camera);
-    rec->setFilename(path("both.mp4"));
+    rec->setHasAudio(true);
     rec->vSetRecSize(319, 239); // odd sizes are rounded up to even
     rec->setFps(15);
-    const Recording r = record(3000ms);
+    const Run r = run(camera, path("both.mp4"), 2500ms);
 
     EXPECT_TRUE(rec->hasAudio());
     EXPECT_EQ(camera.beginCount(), 1);
@@ -83,9 +166,7 @@ TEST_F(SessionTest, VideoAndSoundGoIntoOneMp4WhoseStreamsLastTheRecordingTime)
     EXPECT_GE(printedDuration(r.out, "msecs"), r.wall * 1000 - 300) << r.out;
     EXPECT_LE(printedDuration(r.out, "msecs"), r.wall * 1000 + 1000) << r.out;
 
-    MediaFile f;
-    std::string err;
-    ASSERT_TRUE(readMediaFile(path("both.mp4").toStdString(), f, &err)) << err;
+    const MediaFile f = readableOrAbsent(path("both.mp4"));
     ASSERT_NE(f.video(), nullptr);
     ASSERT_NE(f.audio(), nullptr);
     EXPECT_EQ(f.video()->codecId, AV_CODEC_ID_H264);
@@ -94,67 +175,30 @@ TEST_F(SessionTest, VideoAndSoundGoIntoOneMp4WhoseStreamsLastTheRecordingTime)
     EXPECT_EQ(f.video()->height, 240);
     EXPECT_EQ(f.audioSampleRate, 48000);
     EXPECT_EQ(f.audioChannels, 1);
-    // Both timelines cover the time between the start answer and the stop request.
     EXPECT_NEAR(f.videoSeconds(), r.wall, 0.5);
     EXPECT_NEAR(f.audioSeconds(), r.wall, 0.5);
     EXPECT_NEAR(dominantFrequency(f.samples, f.audioChannels, 0, f.audioSampleRate), 1000.0, 30.0);
 }
 
-TEST_F(SessionTest, VideoOnlyTouchesNoSoundCard)
-{
-    simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
-    SyntheticCamera camera(160, 120, 20);
-    rec->setPluginComponent(&camera);
-    rec->setFilename(path("video.mkv"));
-    rec->vSetRecSize(160, 120);
-    rec->setFps(20);
-    rec->setHasAudio(false);
-    record(1500ms);
-
-    EXPECT_EQ(simulatedmic::pcmOpens(), 0);
-    MediaFile f;
-    std::string err;
-    ASSERT_TRUE(readMediaFile(path("video.mkv").toStdString(), f, &err)) << err;
-    ASSERT_NE(f.video(), nullptr);
-    EXPECT_EQ(f.audio(), nullptr);
-    EXPECT_GE(f.frames.size(), 15u);
-    // The frames are the camera's, in order: the marks read back increasing.
-    long last = -1;
-    int readable = 0;
-    for (const cv::Mat &img : f.frames) {
-        const long n = SyntheticCamera::readFrameNumber(img);
-        if (n < 0)
-            continue;
-        ++readable;
-        EXPECT_GE(n, last);
-        last = n;
-    }
-    EXPECT_GT(readable, int(f.frames.size()) / 2);
-}
-
-TEST_F(SessionTest, AudioOnlyNeverAsksForAFrame)
+TEST_F(SessionTest, AudioOnlyNeverAsksForAFrameAndKeepsTheChannelsApart)
 {
     simulatedmic::addCameraMicrophone(48000, 2, 440.0);
-    SolidCamera camera(64, 48, cv::Scalar(0, 0, 255));
-    rec->setPluginComponent(&camera);
-    rec->setFilename(path("sound.mp4"));
+    ScriptedCamera camera([](long) { return solid(64, 48); });
+    rec->setHasAudio(true);
     rec->setHasVideo(false);
-    const Recording r = record(2000ms);
+    const Run r = run(camera, path("sound.mp4"), 1500ms);
+    rec->setHasVideo(true);
 
     EXPECT_EQ(camera.frames, 0);
-    EXPECT_EQ(camera.begins, 1);
-    EXPECT_EQ(camera.ends, 1);
     const int ms = printedDuration(r.out, "msec");
     EXPECT_NEAR(ms, r.wall * 1000, 300) << r.out;
-    MediaFile f;
-    std::string err;
-    ASSERT_TRUE(readMediaFile(path("sound.mp4").toStdString(), f, &err)) << err;
+    const MediaFile f = readableOrAbsent(path("sound.mp4"));
     EXPECT_EQ(f.video(), nullptr);
     ASSERT_NE(f.audio(), nullptr);
-    EXPECT_EQ(f.audioChannels, 2);
+    ASSERT_EQ(f.audioChannels, 2);
     // The capture ends at the stop request: the sound lasts what was recorded.
     EXPECT_NEAR(f.audioSeconds(), ms / 1000.0, 0.2);
-    // Left carries 440 Hz and right 880 Hz: the channels arrive unswapped.
+    // Left carries 440 Hz and right 880 Hz.
     EXPECT_NEAR(dominantFrequency(f.samples, 2, 0, f.audioSampleRate), 440.0, 20.0);
     EXPECT_NEAR(dominantFrequency(f.samples, 2, 1, f.audioSampleRate), 880.0, 20.0);
 }
@@ -163,131 +207,117 @@ TEST_F(SessionTest, WithoutAMicrophoneVideoIsRecordedAloneAndTheUserIsTold)
 {
     SyntheticCamera camera(160, 120, 20);
     QtMessageCollector log;
-    rec->setPluginComponent(&camera);
-    rec->setFilename(path("nomic.mp4"));
-    rec->vSetRecSize(160, 120);
-    const Recording r = record(1200ms);
+    rec->setHasAudio(true);
+    const Run r = run(camera, path("nomic.mp4"), 1000ms);
 
     EXPECT_NE(r.out.find("打开麦失败，将不录音"), std::string::npos) << r.out;
     EXPECT_EQ(log.count("打开麦失败，将不录音"), 1);
     EXPECT_FALSE(rec->hasAudio());
-    MediaFile f;
-    std::string err;
-    ASSERT_TRUE(readMediaFile(path("nomic.mp4").toStdString(), f, &err)) << err;
+    const MediaFile f = readableOrAbsent(path("nomic.mp4"));
     EXPECT_NE(f.video(), nullptr);
     EXPECT_EQ(f.audio(), nullptr);
 }
 
 TEST_F(SessionTest, AudioOnlyWithoutAMicrophoneAnswersFalseAtOnce)
 {
-    DarkCamera camera;
-    rec->setPluginComponent(&camera);
-    rec->setFilename(path("never.mp4"));
+    ScriptedCamera camera([](long) { return solid(64, 48); });
+    rec->setHasAudio(true);
     rec->setHasVideo(false);
-    testutil::captureStdout([&] {
-        rec->startRecord();
-        const auto t0 = std::chrono::steady_clock::now();
-        EXPECT_FALSE(rec->waitForRecordStart(30000));
-        EXPECT_LT(std::chrono::steady_clock::now() - t0, 10s);
-        EXPECT_TRUE(rec.waitSessionEnd(30s));
-    });
-    EXPECT_FALSE(rec->isRecording());
-    EXPECT_EQ(camera.begins, 1);
-    EXPECT_EQ(camera.ends, 1);
-    EXPECT_EQ(camera.asked, 0);
-    EXPECT_FALSE(QFile::exists(path("never.mp4")));
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_FALSE(run(camera, path("never.mp4"), 0ms).started);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 10s);
+    rec->setHasVideo(true);
+    EXPECT_EQ(camera.frames, 0);
+    EXPECT_FALSE(QFile::exists(QString::fromStdString(path("never.mp4"))));
 }
 
-TEST_F(SessionTest, PausedTimeIsNotRecorded)
+TEST_F(SessionTest, PausedTimeIsNotRecordedAndAStopWhilePausedLeavesTheNextUnpaused)
 {
+    simulatedmic::addCameraMicrophone(48000, 1, 1000.0); // there, but video only is asked for
     SyntheticCamera camera(160, 120, 20);
-    rec->setPluginComponent(&camera);
-    rec->setFilename(path("pause.mp4"));
-    rec->vSetRecSize(160, 120);
-    rec->setFps(20);
-    rec->setHasAudio(false);
-    std::chrono::steady_clock::time_point t0, t1;
-    testutil::captureStdout([&] {
-        rec->startRecord();
-        ASSERT_TRUE(rec->waitForRecordStart(20000));
-        t0 = std::chrono::steady_clock::now();
-        std::this_thread::sleep_for(1000ms);
+    run(camera, path("pause.mp4"), 2500ms, [&] {
+        std::this_thread::sleep_for(500ms);
         ASSERT_TRUE(rec->bPauseRec());
         std::this_thread::sleep_for(1500ms);
         ASSERT_TRUE(rec->bResumeRec());
-        std::this_thread::sleep_for(1000ms);
-        t1 = std::chrono::steady_clock::now();
-        EXPECT_TRUE(rec.stopAndWait(60s));
     });
-    const double wall = std::chrono::duration<double>(t1 - t0).count();
-    MediaFile f;
-    std::string err;
-    ASSERT_TRUE(readMediaFile(path("pause.mp4").toStdString(), f, &err)) << err;
     // The picture lasts the time recorded, without the 1.5 s paused.
-    EXPECT_NEAR(f.videoSeconds(), wall - 1.5, 0.5);
+    EXPECT_NEAR(readableOrAbsent(path("pause.mp4")).videoSeconds(), 1.0, 0.5);
+
+    run(camera, path("p1.mp4"), 1000ms, [&] {
+        std::this_thread::sleep_for(400ms);
+        EXPECT_TRUE(rec->bPauseRec());
+    });
+    run(camera, path("p2.mp4"), 1000ms);
+    const MediaFile f = readableOrAbsent(path("p2.mp4"));
+    EXPECT_GE(f.frames.size(), 10u);
+    EXPECT_EQ(f.audio(), nullptr);
+    EXPECT_EQ(simulatedmic::pcmOpens(), 0);
 }
 
 TEST_F(SessionTest, StopBeforeTheFirstFrameEndsCleanlyWithoutADuration)
 {
     simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
-    DarkCamera camera;
-    rec->setPluginComponent(&camera);
-    rec->setFilename(path("dark.mp4"));
-    const Recording r = record(500ms);
-    EXPECT_FALSE(rec->isRecording());
-    EXPECT_GT(camera.asked, 0);
-    EXPECT_EQ(camera.begins, 1);
-    EXPECT_EQ(camera.ends, 1);
+    rec->setHasAudio(true);
+    ScriptedCamera dark([](long) { return cv::Mat(); }, 5ms);
+    const Run r = run(dark, path("dark.mp4"), 500ms);
+    EXPECT_GT(dark.frames, 0);
     // No first frame: a duration that cannot be taken for a real one.
     EXPECT_EQ(printedDuration(r.out, "msecs"), -1) << r.out;
+    readableOrAbsent(path("dark.mp4"));
 }
 
-TEST_F(SessionTest, AnUnwritableOutputEndsTheSessionAndAnswersFalse)
+// Every way the output can fail ends the session, tells the user, and leaves the
+// recorder ready for the next recording.
+TEST_F(SessionTest, AnOutputThatFailsEndsTheSessionAndSaysWhy)
 {
-    SolidCamera camera(64, 48, cv::Scalar(0, 255, 0));
-    rec->setPluginComponent(&camera);
-    rec->setHasAudio(false);
-    rec->setFilename(path("missing-dir/x.mp4"));
-    const std::string out = testutil::captureStdout([&] {
-        rec->startRecord();
-        EXPECT_FALSE(rec->waitForRecordStart(20000));
-        EXPECT_TRUE(rec.waitSessionEnd(30s));
-    });
-    EXPECT_NE(out.find("cannot open :" + path("missing-dir/x.mp4").toStdString()), std::string::npos)
-        << out;
-    EXPECT_FALSE(rec->isRecording());
-    EXPECT_EQ(camera.begins, 1);
-    EXPECT_EQ(camera.ends, 1);
-    // The recorder can be used again.
-    rec->setFilename(path("ok.mp4"));
-    record(800ms);
-    EXPECT_TRUE(QFile::exists(path("ok.mp4")));
+    std::filesystem::create_directory(path("out"));
+    const struct {
+        std::string file;
+        int started;          // the start answer; -1: either
+        std::string printed;  // on standard output, standard error or the log
+        bool removeDirectory; // the directory goes while recording
+    } rows[] = {
+        {path("gone/x.mp4"), 0, "cannot open :" + path("gone/x.mp4"), false},
+        {"/dev/full", -1, "No space left on device (/dev/full)", false},
+        {path("out/x.mp4"), 1, "record failed: the output file ", true},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.file);
+        ScriptedCamera cam([](long) { return solid(160, 120); });
+        QtMessageCollector log;
+        Run r;
+        const std::string err = testutil::captureStderr([&] {
+            r = run(cam, row.file, 800ms, [&] {
+                if (row.removeDirectory)
+                    std::filesystem::remove_all(path("out"));
+            });
+        });
+        if (row.started >= 0) {
+            EXPECT_EQ(r.started, row.started == 1);
+        }
+        const bool told = r.out.find(row.printed) != std::string::npos
+            || err.find(row.printed) != std::string::npos || log.count(QString::fromStdString(row.printed)) == 1;
+        EXPECT_TRUE(told) << r.out << err;
+        if (row.file != "/dev/full") {
+            EXPECT_FALSE(QFile::exists(QString::fromStdString(row.file)));
+        }
+    }
 }
 
 TEST_F(SessionTest, SwitchingTheComponentTakesFramesFromTheNewOneAndEndsTheOld)
 {
-    SolidCamera red(64, 48, cv::Scalar(0, 0, 255));
-    SolidCamera blue(64, 48, cv::Scalar(255, 0, 0));
-    rec->setPluginComponent(&red);
-    rec->setFilename(path("switch.mkv"));
+    ScriptedCamera red([](long) { return solid(64, 48, cv::Scalar(0, 0, 255)); });
+    ScriptedCamera blue([](long) { return solid(64, 48, cv::Scalar(255, 0, 0)); });
     rec->vSetRecSize(64, 48);
-    rec->setFps(20);
-    rec->setHasAudio(false);
-    testutil::captureStdout([&] {
-        rec->startRecord();
-        ASSERT_TRUE(rec->waitForRecordStart(20000));
+    run(red, path("switch.mkv"), 0ms, [&] {
         ASSERT_TRUE(testutil::pollUntil([&] { return red.frames > 20; }, 10s));
         rec->setPluginComponent(&blue);
         ASSERT_TRUE(testutil::pollUntil([&] { return blue.frames > 30; }, 10s));
-        EXPECT_TRUE(rec.stopAndWait(60s));
     });
-    EXPECT_EQ(red.begins, 1);
-    EXPECT_EQ(red.ends, 1);
     EXPECT_EQ(blue.begins, 0);
     EXPECT_EQ(blue.ends, 0);
-    MediaFile f;
-    std::string err;
-    ASSERT_TRUE(readMediaFile(path("switch.mkv").toStdString(), f, &err)) << err;
+    const MediaFile f = readableOrAbsent(path("switch.mkv"));
     ASSERT_GE(f.frames.size(), 10u);
     const cv::Vec3b first = f.frames.front().at<cv::Vec3b>(24, 32);
     const cv::Vec3b last = f.frames.back().at<cv::Vec3b>(24, 32);
@@ -297,34 +327,333 @@ TEST_F(SessionTest, SwitchingTheComponentTakesFramesFromTheNewOneAndEndsTheOld)
     EXPECT_LT(last[2], 60);
 }
 
-TEST_F(SessionTest, TwentyRecordingsInARowLeaveNoThreadsOrMemoryBehind)
+TEST_F(SessionTest, AFailingFrameSourceEndsNothingItShouldNot)
 {
-    SolidCamera camera(64, 48, cv::Scalar(40, 80, 120));
+    // A camera that throws: the recording ends and keeps what came before.
+    ScriptedCamera thrower([](long n) {
+        if (n == 30)
+            throw std::runtime_error("camera unplugged");
+        return marked(n);
+    });
+    run(thrower, path("throw.mp4"), 2000ms);
+    EXPECT_GE(readableOrAbsent(path("throw.mp4")).frames.size(), 10u);
+
+    // A component switched to null: the recording stays stoppable.
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    run(cam, path("null.mp4"), 800ms, [&] {
+        std::this_thread::sleep_for(400ms);
+        rec->setPluginComponent(nullptr);
+    });
+    EXPECT_NE(readableOrAbsent(path("null.mp4")).video(), nullptr);
+}
+
+TEST_F(SessionTest, FramesOfAnotherTypeAreRefusedAndOthersScaled)
+{
+    // Each kind lasts ten frames of the camera (50 ms), so that the recording's due
+    // instants cannot fall in step with one kind of frame.
+    ScriptedCamera cam([](long n) {
+        switch (n / 10 % 6) {
+        case 0: return cv::Mat(120, 160, CV_8UC1, cv::Scalar(200));
+        case 1: return cv::Mat(120, 160, CV_8UC4, cv::Scalar(1, 2, 3, 4));
+        case 2: return cv::Mat(120, 160, CV_16UC3, cv::Scalar(9000, 9000, 9000));
+        case 3: return solid(320, 200, cv::Scalar(0, 0, 255));
+        case 4: return solid(33, 17, cv::Scalar(0, 0, 255));
+        default: return solid(160, 120, cv::Scalar(0, 0, 255));
+        }
+    }, 5ms);
+    EXPECT_TRUE(run(cam, path("types.mkv"), 1500ms).started);
+    const MediaFile f = readableOrAbsent(path("types.mkv"));
+    ASSERT_GE(f.frames.size(), 8u); // the good ones, about half, are recorded
+    for (const cv::Mat &img : f.frames) {
+        ASSERT_EQ(img.size(), cv::Size(160, 120));
+        const cv::Scalar m = cv::mean(img);
+        EXPECT_GT(m[2], 200) << "a frame that is not one of the red ones was encoded";
+        EXPECT_LT(m[0], 60);
+    }
+}
+
+TEST_F(SessionTest, SettingsAtTheEdgesNeverCrashOrHang)
+{
+    const struct {
+        long w, h;
+        int fps;
+        unsigned bitrate;
+        const char *name;
+        int width; // of the recorded picture; 0: not checked
+    } rows[] = {
+        {0, 0, 20, 500000, "zero.mp4", 0},         {2, 2, 20, 500000, "two.mp4", 0},
+        {160, 120, 0, 500000, "fps0.mp4", 160},     {160, 120, 1, 500000, "fps1.mp4", 160},
+        {160, 120, 240, 500000, "fps240.mp4", 160}, {160, 120, -5, 500000, "fpsneg.mp4", 160},
+        {160, 120, 20, 0, "bitrate0.mp4", 160},     {160, 120, 20, 4000000000u, "4g.mp4", 160},
+        {160, 120, 20, 500000, "", 0},              {160, 120, 20, 500000, "名 with spaces é.mp4", 160},
+        {7680, 4320, 5, 500000, "8k.mp4", 7680},
+    };
+    for (const auto &e : rows) {
+        SCOPED_TRACE(std::string(e.name) + " " + std::to_string(e.w) + "x" + std::to_string(e.h)
+                     + " fps " + std::to_string(e.fps));
+        ScriptedCamera cam(marked);
+        rec->vSetRecSize(e.w, e.h);
+        rec->setFps(e.fps);
+        rec->setVideoBitrate(e.bitrate);
+        const std::string file = *e.name ? path(e.name) : std::string();
+        if (!run(cam, file, 600ms).started || file.empty())
+            continue;
+        const MediaFile f = readableOrAbsent(file, e.width < 1000);
+        ASSERT_NE(f.video(), nullptr);
+        if (e.width) {
+            EXPECT_EQ(f.video()->width, e.width);
+        }
+        if (e.fps <= 0) { // taken as 10 frames per second
+            EXPECT_EQ(f.video()->timeBase.den % 10, 0);
+        }
+    }
+}
+
+TEST_F(SessionTest, PausesStartsAndStopsFromAnyThreadNeverHangOrLeak)
+{
+    ScriptedCamera flicker(marked, 2ms);
+    run(flicker, path("flicker.mp4"), 500ms, [&] {
+        for (int i = 0; i < 1000; ++i) {
+            EXPECT_TRUE(rec->bPauseRec());
+            EXPECT_TRUE(rec->bResumeRec());
+        }
+    });
+    EXPECT_NE(readableOrAbsent(path("flicker.mp4")).video(), nullptr);
+
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    rec->setPluginComponent(&cam);
+    rec->setFilename(QString::fromStdString(path("race.mp4")));
+    testutil::captureStdout([&] {
+        std::vector<std::thread> hosts;
+        for (int t = 0; t < 4; ++t)
+            hosts.emplace_back([&, t] {
+                for (int i = 0; i < 50; ++i)
+                    (i + t) % 2 ? rec->startRecord() : rec->stopRecord();
+            });
+        for (std::thread &h : hosts)
+            h.join();
+        EXPECT_TRUE(rec.stopAndWait(120s));
+    });
+    EXPECT_FALSE(rec->isRecording());
+    EXPECT_TRUE(testutil::pollUntil([&] { return cam.begins == cam.ends; }, 10s));
+}
+
+TEST_F(SessionTest, DeletingTheInstanceRightAfterStopWaitsForTheSession)
+{
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    rec->setPluginComponent(&cam);
+    rec->setFilename(QString::fromStdString(path("del.mp4")));
+    testutil::captureStdout([&] {
+        rec->startRecord();
+        ASSERT_TRUE(rec->waitForRecordStart(30000));
+        ASSERT_TRUE(testutil::pollUntil([&] { return cam.frames > 5; }, 10s));
+        rec->stopRecord();
+        // The owner deletes the instance while the session is still finishing the file.
+        delete rec.thread();
+    });
+    EXPECT_EQ(cam.ends, 1);
+    EXPECT_NE(readableOrAbsent(path("del.mp4")).video(), nullptr);
+}
+
+// A "split into a new file" button: stop, a new name and start at once, again and again.
+// Each start must answer for its own session, also while the last one is still finishing
+// its file, and each file must exist with frames of its own.
+TEST_F(SessionTest, StopRenameStartAtOnceGivesEveryFileItsOwnFrames)
+{
+    constexpr int kFiles = 40;
+    SyntheticCamera camera(160, 120, 100);
     rec->setPluginComponent(&camera);
+    const auto file = [&](int i) { return path("split" + std::to_string(i) + ".mp4"); };
+    int startsDuringAStop = 0;
+    testutil::captureStdout([&] {
+        for (int i = 0; i < kFiles; ++i) {
+            rec->setFilename(QString::fromStdString(file(i)));
+            rec->startRecord();
+            startsDuringAStop += rec->isRecording(); // the last file is still being finished
+            ASSERT_TRUE(rec->waitForRecordStart(30000)) << "file " << i;
+            ASSERT_TRUE(rec->isRecording()) << "file " << i;
+            const long from = camera.framesDelivered();
+            ASSERT_TRUE(testutil::pollUntil([&] { return camera.framesDelivered() >= from + 3; }, 10s));
+            rec->stopRecord();
+        }
+        EXPECT_TRUE(rec.stopAndWait(60s));
+    });
+    EXPECT_GT(startsDuringAStop, 0); // the case this test is about did happen
+    long last = -1;
+    for (int i = 0; i < kFiles; ++i) {
+        SCOPED_TRACE("file " + std::to_string(i));
+        const MediaFile f = readableOrAbsent(file(i));
+        ASSERT_FALSE(f.frames.empty());
+        for (const cv::Mat &img : f.frames) {
+            const long n = SyntheticCamera::readFrameNumber(img);
+            EXPECT_GT(n, last); // later than every frame of the files before
+            last = std::max(last, n);
+        }
+    }
+}
+
+TEST_F(SessionTest, AMicrophoneUnpluggedLeavesTheVideoGoingOn)
+{
+    // Back after three seconds: the eleven re-opens come in quick succession while the card
+    // is gone, so none finds it, and the sound is not taken up again.
+    addMicrophone([](fakealsa::Capture &c) {
+        c.unplugAfterMs = 1000;
+        c.replugAfterMs = 3000;
+    });
+    rec->setHasAudio(true);
+    ScriptedCamera cam(marked);
+    ASSERT_TRUE(run(cam, path("replug.mp4"), 4000ms).started);
+    const MediaFile f = readableOrAbsent(path("replug.mp4"));
+    ASSERT_NE(f.audio(), nullptr);
+    EXPECT_EQ(fakealsa::pcmOpens(), 1);
+    EXPECT_LT(f.audioSeconds(), 1.5);
+    EXPECT_GT(f.videoSeconds(), 3.3);
+    EXPECT_EQ(fakealsa::pcmOpenHandles(), 0);
+}
+
+TEST_F(SessionTest, ABusyMicrophoneAnswersWithinTheHostsTimeOut)
+{
+    addMicrophone([](fakealsa::Capture &c) { c.busyOpens = 1000; });
+    qputenv("PATH", QByteArray(FAKE_KILLALL_DIR ":") + qgetenv("PATH"));
+    rec->setHasAudio(true);
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    rec->setPluginComponent(&cam);
+    rec->setFilename(QString::fromStdString(path("busy.mp4")));
+    testutil::captureStdout([&] {
+        rec->startRecord();
+        const auto t0 = std::chrono::steady_clock::now();
+        EXPECT_TRUE(rec->waitForRecordStart(20000)); // video goes on without the sound
+        EXPECT_LT(std::chrono::steady_clock::now() - t0, 20s);
+        EXPECT_TRUE(rec.stopAndWait(60s));
+    });
+    EXPECT_FALSE(rec->hasAudio());
+}
+
+TEST_F(SessionTest, AMicrophoneThatStopsDeliveringNeverHoldsTheStop)
+{
+    addMicrophone([](fakealsa::Capture &c) { c.stallAfterMs = 1500; });
+    rec->setHasAudio(true);
+    ScriptedCamera cam(marked);
+    std::chrono::steady_clock::duration stopping{};
+    // The stall comes at 1.5 s and is taken for gone at 3.5 s.
+    run(cam, path("stall.mp4"), 3500ms, [&] {
+        std::this_thread::sleep_for(3500ms);
+        const auto t0 = std::chrono::steady_clock::now();
+        EXPECT_TRUE(rec.stopAndWait(60s));
+        stopping = std::chrono::steady_clock::now() - t0;
+    });
+    EXPECT_LT(stopping, 3s);
+    const MediaFile f = readableOrAbsent(path("stall.mp4"));
+    ASSERT_NE(f.video(), nullptr);
+    ASSERT_NE(f.audio(), nullptr);
+    EXPECT_GT(f.video()->durationSeconds(), 3.0); // the picture went on
+    EXPECT_LT(f.audioSeconds(), 2.0);
+}
+
+TEST_F(SessionTest, AContainerThatCannotHoldTheVideoRecordsTheSoundAndSaysSo)
+{
+    simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
+    rec->setHasAudio(true);
+    ScriptedCamera cam([](long) { return solid(160, 120); });
+    const Run r = run(cam, path("sound.wav"), 1000ms);
+    EXPECT_NE(r.out.find("the container wav cannot hold video"), std::string::npos) << r.out;
+    EXPECT_FALSE(rec->hasVideo()); // the host sees what is recorded
+    EXPECT_EQ(cam.frames, 0);      // nothing is taken, let alone queued, for the picture
+    rec->setHasVideo(true);
+    const MediaFile f = readableOrAbsent(path("sound.wav"));
+    EXPECT_EQ(f.video(), nullptr);
+    ASSERT_NE(f.audio(), nullptr);
+    EXPECT_NEAR(f.audioSeconds(), 1.0, 0.3);
+}
+
+// A machine that cannot encode the size in real time: frames are dropped and counted,
+// memory stays bounded, and the picture still ends with the sound.
+TEST_F(SessionTest, OverloadDropsFramesButKeepsMemoryBoundedAndThePictureWithTheSound)
+{
+    constexpr int kW = 3840, kH = 2160, kFps = 30;
+    simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
+    rec->setHasAudio(true);
+    const std::string file = path("overload.mp4");
+    const HeavyRecordingReport r = recordHeavy(rec, file, kW, kH, kFps, 8000000, 6s, 1s);
+    ASSERT_TRUE(r.started);
+    ASSERT_TRUE(r.stopped);
+    ASSERT_EQ(r.rssKiB.size(), 6u);
+    std::printf("overload %dx%d@%d: %ld frames dropped, peak %ld queued (%.1f MiB), RSS at 4 s "
+                "%.1f MiB, at 6 s %.1f MiB\n", kW, kH, kFps, r.framesDropped, r.peakQueuedFrames,
+                r.peakQueuedMiB, r.rssKiB[3] / 1024.0, r.rssKiB.back() / 1024.0);
+    EXPECT_GT(r.framesDropped, 0);
+    EXPECT_LE(r.peakQueuedFrames, kFps);
+    EXPECT_LE(r.peakQueuedMiB, double(FFmpegEncode::kMaxQueuedVideoBytes >> 20));
+    // No growth once the queue is full (unbounded, it would grow by 500 MiB a second).
+    if (kPlainBuild) {
+        EXPECT_LT(r.rssKiB.back() - r.rssKiB[3], 128 * 1024);
+    }
+    const MediaFile f = readableOrAbsent(file, false);
+    ASSERT_NE(f.video(), nullptr);
+    ASSERT_NE(f.audio(), nullptr);
+    EXPECT_NEAR(f.video()->durationSeconds(), f.audio()->durationSeconds(), 1.0 / kFps);
+}
+
+// RECORDER_CYCLES start/stop cycles (20 in CI; the long run makes it 200): no threads or
+// memory left behind, and every beginUse has its endUse.
+TEST_F(SessionTest, StartStopCyclesDoNotGrow)
+{
+    const char *wanted = std::getenv("RECORDER_CYCLES");
+    const int cycles = wanted ? std::atoi(wanted) : 20;
+    constexpr int kReference = 10; // the cycle after which allocator and threads have settled
+    ScriptedCamera cam([](long) { return solid(64, 48); }, 10ms);
     rec->vSetRecSize(64, 48);
-    rec->setHasAudio(false);
-    int threadsAfterFirst = 0;
-    long rssAfterFifth = 0;
-    for (int i = 1; i <= 20; ++i) {
-        rec->setFilename(path("loop.mp4"));
+    rec->setPluginComponent(&cam);
+    rec->setFilename(QString::fromStdString(path("cycle.mp4")));
+    long rss = 0;
+    int threads = 0;
+    for (int i = 1; i <= cycles; ++i) {
         testutil::captureStdout([&] {
             rec->startRecord();
-            ASSERT_TRUE(rec->waitForRecordStart(20000)) << "recording " << i;
-            std::this_thread::sleep_for(100ms);
-            ASSERT_TRUE(rec.stopAndWait(60s)) << "recording " << i;
+            ASSERT_TRUE(rec->waitForRecordStart(30000)) << "cycle " << i;
+            ASSERT_TRUE(rec.stopAndWait(60s)) << "cycle " << i;
         });
-        if (i == 1)
-            threadsAfterFirst = testutil::threadCount();
-        if (i == 5)
-            rssAfterFifth = testutil::residentKiB();
+        if (i == kReference) {
+            rss = testutil::residentInUseKiB();
+            threads = testutil::threadCount();
+        }
     }
-    EXPECT_EQ(camera.begins, 20);
-    EXPECT_EQ(camera.ends, 20);
+    const long rssEnd = testutil::residentInUseKiB();
+    std::printf("RSS after cycle %d: %ld KiB, after cycle %d: %ld KiB; threads %d -> %d\n",
+                kReference, rss, cycles, rssEnd, threads, testutil::threadCount());
+    if (kPlainBuild) {
+        EXPECT_LE(rssEnd, rss * 105 / 100 + 2048);
+    }
     // A thread that has returned from run() still takes a moment to leave the process.
-    EXPECT_TRUE(testutil::pollUntil([&] { return testutil::threadCount() <= threadsAfterFirst; },
-                                    5s))
-        << testutil::threadCount() << " threads, " << threadsAfterFirst << " after the first";
-    EXPECT_LE(testutil::residentKiB(), rssAfterFifth * 11 / 10 + 2048);
+    EXPECT_TRUE(testutil::pollUntil([&] { return testutil::threadCount() <= threads; }, 5s));
+    EXPECT_EQ(cam.begins, cycles);
+    EXPECT_EQ(cam.ends, cycles);
+    readableOrAbsent(path("cycle.mp4")); // a stop before the first frame leaves no picture
+}
+
+// A minute of frames the encoder struggles with: nothing queued is lost (every period is
+// in the file, or in the feeder's count of frames a stall of over a second cost) and the
+// picture ends with the sound. Timestamps only: a minute of pictures would not fit in memory.
+TEST_F(SessionTest, LongRunHeavyFramesForAMinuteLoseNothing)
+{
+    constexpr int kFps = 30;
+    simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
+    rec->setHasAudio(true);
+    const std::string file = path("heavy.mp4");
+    const HeavyRecordingReport r = recordHeavy(rec, file, 1280, 720, kFps, 4000000, 60s, 10s);
+    ASSERT_TRUE(r.started);
+    ASSERT_TRUE(r.stopped);
+    std::printf("heavy frames 1280x720@%d for %.1f s: peak %ld queued (%.1f MiB), %ld not made "
+                "up, RSS %+.1f MiB per minute, drained in %.1f s\n", kFps, r.wallSeconds,
+                r.peakQueuedFrames, r.peakQueuedMiB, r.framesNotMadeUp, r.rssGrowthMiBPerMinute(),
+                r.drainSeconds);
+    EXPECT_GE(r.peakQueuedFrames, 1);
+    ASSERT_GE(r.framesNotMadeUp, 0);
+    const MediaFile f = readableOrAbsent(file, false);
+    ASSERT_NE(f.video(), nullptr);
+    ASSERT_NE(f.audio(), nullptr);
+    EXPECT_NEAR(f.video()->durationSeconds(), r.wallSeconds, r.wallSeconds * 0.01);
+    EXPECT_NEAR(f.video()->durationSeconds(), f.audio()->durationSeconds(), 1.0 / kFps);
 }
 
 int main(int argc, char **argv)

@@ -7,28 +7,21 @@
 
 #include "loadedrecorder.h"
 #include "qtmessages.h"
+#include "syntheticcamera.h"
 #include "testutil.h"
 
-NoiseCamera::NoiseCamera(int width, int height, int fps)
-    : m_period(std::chrono::nanoseconds(1000000000LL / (fps > 0 ? fps : 1)))
+std::vector<cv::Mat> noisePictures(int width, int height)
 {
     constexpr size_t kMaxNoiseBytes = size_t(200) << 20;
     const size_t frameBytes = size_t(width) * height * 3;
     const int distinct = int(std::clamp<size_t>(kMaxNoiseBytes / std::max<size_t>(frameBytes, 1), 2, 30));
+    std::vector<cv::Mat> pictures;
     cv::RNG rng(7);
     for (int i = 0; i < distinct; ++i) {
-        m_frames.emplace_back(height, width, CV_8UC3);
-        rng.fill(m_frames.back(), cv::RNG::UNIFORM, 0, 256);
+        pictures.emplace_back(height, width, CV_8UC3);
+        rng.fill(pictures.back(), cv::RNG::UNIFORM, 0, 256);
     }
-}
-
-bool NoiseCamera::getFrame(cv::Mat &frame)
-{
-    if (m_next == 0)
-        m_start = std::chrono::steady_clock::now();
-    std::this_thread::sleep_until(m_start + m_next * m_period);
-    frame = m_frames[m_next++ % m_frames.size()];
-    return true;
+    return pictures;
 }
 
 double HeavyRecordingReport::rssGrowthMiBPerMinute() const
@@ -45,7 +38,7 @@ HeavyRecordingReport recordHeavy(LoadedRecorder &rec, const std::string &file, i
 {
     using Clock = std::chrono::steady_clock;
     HeavyRecordingReport r;
-    NoiseCamera camera(width, height, fps);
+    CyclingCamera camera(noisePictures(width, height), fps);
     rec->vSetRecSize(width, height);
     rec->setFps(fps);
     rec->setVideoBitrate(bitrate);

@@ -7,28 +7,12 @@
 
 #include <opencv2/core.hpp>
 
-#include "plugin/plugincomponent.h"
-
 class LoadedRecorder;
 
-// A camera whose frames are noise, paced on a steady-clock schedule: every frame costs
-// the encoder the most it can, so the writer falls behind if anything does. The noise is
-// drawn up front; cycling through up to 30 frames (fewer for large sizes, so that the
-// test's own memory stays small) defeats prediction as well as fresh noise.
-class NoiseCamera : public PluginComponent
-{
-public:
-    NoiseCamera(int width, int height, int fps);
-    void beginUse() override {}
-    bool getFrame(cv::Mat &frame) override;
-    void endUse() override {}
-
-private:
-    std::vector<cv::Mat> m_frames;
-    std::chrono::nanoseconds m_period;
-    std::chrono::steady_clock::time_point m_start;
-    long m_next = 0;
-};
+// Pictures of noise for a camera to cycle through: every frame costs the encoder the most
+// it can, so the writer falls behind if anything does. Up to 30 (fewer for large sizes, so
+// that the test's own memory stays small) defeat prediction as well as fresh noise.
+std::vector<cv::Mat> noisePictures(int width, int height);
 
 // What one heavy recording cost and left behind.
 struct HeavyRecordingReport {
