@@ -5,70 +5,37 @@
 #include <atomic>
 #include <cerrno>
 #include <fstream>
+#include <future>
 #include <numeric>
-#include <thread>
 
 #include "audio/audiocapturethread.h"
 #include "encode/ffmpegencode.h"
 #include "fakealsa.h"
 #include "support/mediareader.h"
-#include "support/qtmessages.h"
 #include "support/testutil.h"
 
 using namespace std::chrono_literals;
-using fakealsa::Element;
+using Setting = std::function<void(fakealsa::Capture &)>;
 
 namespace {
 
-// An integer mixer element whose values are all 1.
-Element knob(unsigned numid, const char *name, unsigned count, long max)
-{
-    Element e;
-    e.numid = numid;
-    e.name = name;
-    e.count = count;
-    e.max = max;
-    e.values.assign(count, 1);
-    return e;
-}
+// A busy device makes the capture restart the sound server: main() puts a killall in
+// front that logs its calls here.
+const testutil::TempDir logDir;
+const std::string kKillallLog = logDir.file("killall.log");
 
 class CaptureTest : public ::testing::Test
 {
 protected:
-    // A busy device makes the capture restart the sound server: killall is a stand-in
-    // that logs its calls.
-    void SetUp() override
-    {
-        fakealsa::reset();
-        qputenv("FAKE_KILLALL_LOG", QByteArray::fromStdString(killallLog));
-        savedPath = qgetenv("PATH");
-        qputenv("PATH", QByteArray(FAKE_KILLALL_DIR ":") + savedPath);
-    }
-    void TearDown() override { qputenv("PATH", savedPath); }
+    void SetUp() override { fakealsa::reset(); }
 
-    std::vector<std::string> killallCalls() const
+    // Opens the card and captures blocks (10 ms by default) while `during` runs, then
+    // stops the thread.
+    void capture(AudiocaptureThread &cap, const std::function<void()> &during, int frames = 480)
     {
-        std::vector<std::string> lines;
-        std::ifstream in(killallLog);
-        for (std::string line; std::getline(in, line);)
-            lines.push_back(line);
-        return lines;
-    }
-
-    bool open(AudiocaptureThread &cap)
-    {
-        bool ok = false;
-        testutil::captureStdout([&] { ok = cap.open(); });
-        return ok;
-    }
-
-    // Opens the card and captures 10 ms blocks into `encoder` while `during` runs, then
-    // stops the thread; what was printed.
-    std::string capture(AudiocaptureThread &cap, const std::function<void()> &during)
-    {
-        return testutil::captureStdout([&] {
+        testutil::captureStdout([&] {
             ASSERT_TRUE(cap.open());
-            cap.setFrameSize(480);
+            cap.setFrameSize(frames);
             cap.startThread();
             cap.startRecord();
             during();
@@ -81,8 +48,6 @@ protected:
 
     FFmpegEncode encoder; // not started: blocks just queue
     testutil::TempDir dir;
-    const std::string killallLog = dir.file("killall.log");
-    QByteArray savedPath;
     std::chrono::steady_clock::duration stopTook{};
 };
 
@@ -112,65 +77,57 @@ TEST_F(CaptureTest, TheCameraCardIsFoundByNameThenByTheFallBackNamesInOrder)
         if (row.controlFails >= 0)
             fakealsa::setControlOpenFails(row.controlFails);
         AudiocaptureThread cap(&encoder);
-        EXPECT_EQ(open(cap), !row.opened.empty());
+        testutil::captureStdout([&] { EXPECT_EQ(cap.open(), !row.opened.empty()); });
         EXPECT_EQ(fakealsa::pcmOpenAttempts(), row.opened);
         EXPECT_EQ(cap.soundCardName().toStdString(), row.name);
     }
 }
 
-TEST_F(CaptureTest, TheCamerasMixerGivesTheChannelsAndNumidTwoIsRaisedOnTheFirstHundredElements)
+TEST_F(CaptureTest, TheCamerasMixerGivesTheChannelsAndNumidTwoIsRaisedOnEveryCard)
 {
+    const auto knob = [](unsigned numid, const char *name, unsigned count, long max) {
+        return fakealsa::Element{numid, name, 2 /* integer */, count, 0, max, {}};
+    };
     fakealsa::Capture c;
     c.channels = {1, 2, 3};
-    fakealsa::addCard("KW-08P USBCamera",
-                      {knob(2, "Mic Capture Volume", 1, 16), knob(3, "Capture Channel Map", 2, 5),
-                       knob(4, "Mic Channel Layout", 3, 5)},
-                      c);
+    fakealsa::addCard("KW-08P USBCamera", {knob(2, "Mic Capture Volume", 1, 16),
+                      knob(3, "Capture Channel Map", 2, 5), knob(4, "Mic Channel Layout", 3, 5)}, c);
     fakealsa::addCard("Other", {knob(2, "Master Playback Volume", 2, 31), knob(5, "Channel Mode", 1, 5)});
-    std::vector<Element> many;
-    for (unsigned i = 0; i < 150; ++i)
-        many.push_back(knob(i == 120 ? 2 : 1000 + i, "Knob", 1, 9));
-    fakealsa::addCard("Big mixer", many);
     AudiocaptureThread cap(&encoder);
-    ASSERT_TRUE(open(cap));
+    testutil::captureStdout([&] { ASSERT_TRUE(cap.open()); });
     // The camera's last "Channel" element gives the count, and the device is asked for it.
     EXPECT_EQ(cap.audioChannel(), 3);
     EXPECT_EQ(fakealsa::elementValues(0, 2), std::vector<long>{16});
-    EXPECT_EQ(fakealsa::elementValues(0, 3), (std::vector<long>{1, 1}));
+    EXPECT_EQ(fakealsa::elementValues(0, 3), (std::vector<long>{0, 0}));
     EXPECT_EQ(fakealsa::elementValues(1, 2), (std::vector<long>{31, 31}));
-    EXPECT_EQ(fakealsa::elementValues(2, 2), std::vector<long>{1});
 }
 
 TEST_F(CaptureTest, TheDeviceIsKeptWithWhatItGrantsOrClosed)
 {
     struct Row {
-        std::vector<unsigned> rates, channels;
-        int busyOpens, openError;
-        size_t attempts;        // opens tried
-        int rate, channelsGot;  // granted; 0: refused
+        Setting card;
+        int rate, channels; // granted; 0: refused
+        size_t opens;       // tried
     };
     const Row rows[] = {
-        {{32000, 44100, 96000}, {2}, 0, 0, 1, 44100, 2}, // the nearest rate, the other count
-        {{48000}, {4}, 0, 0, 1, 0, 0},                   // neither count
-        {{48000}, {1}, 0, -EACCES, 1, 0, 0},             // not busy: not retried
-        {{48000}, {1}, 1, 0, 2, 48000, 1},               // busy once: retried
+        {[](auto &c) { c.rates = {32000, 44100, 96000}; c.channels = {2}; }, 44100, 2, 1},
+        {[](auto &c) { c.channels = {4}; }, 0, 0, 1},         // neither channel count
+        {[](auto &c) { c.openError = -EACCES; }, 0, 0, 1},    // not busy: not retried
+        {[](auto &c) { c.busyOpens = 1; }, 48000, 1, 2},
     };
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.attempts);
+        SCOPED_TRACE(&row - rows);
         fakealsa::reset();
         fakealsa::Capture c;
-        c.rates = row.rates;
-        c.channels = row.channels;
-        c.busyOpens = row.busyOpens;
-        c.openError = row.openError;
+        row.card(c);
         fakealsa::addCard("KW-08P USBCamera", {}, c);
         AudiocaptureThread cap(&encoder);
-        EXPECT_EQ(open(cap), row.rate > 0);
-        EXPECT_EQ(fakealsa::pcmOpenAttempts().size(), row.attempts);
+        testutil::captureStdout([&] { EXPECT_EQ(cap.open(), row.rate > 0); });
+        EXPECT_EQ(fakealsa::pcmOpenAttempts().size(), row.opens);
         EXPECT_EQ(fakealsa::pcmOpenHandles(), row.rate > 0 ? 1 : 0);
         if (row.rate > 0) {
             EXPECT_EQ(cap.sampleRate(), row.rate);
-            EXPECT_EQ(cap.audioChannel(), row.channelsGot);
+            EXPECT_EQ(cap.audioChannel(), row.channels);
         }
     }
 }
@@ -185,26 +142,20 @@ TEST_F(CaptureTest, ABusyDeviceRestartsTheSoundServerBetweenRetriesUntilAStop)
     qputenv("LD_LIBRARY_PATH", "/opt/camera/lib");
     AudiocaptureThread cap(&encoder);
     std::atomic<bool> stop{false};
-    bool opened = true;
-    std::chrono::steady_clock::time_point stopAt, returnedAt;
     testutil::captureStdout([&] {
-        std::thread opener([&] {
-            opened = cap.open([&] { return stop.load(); });
-            returnedAt = std::chrono::steady_clock::now();
-        });
+        auto opened = std::async(std::launch::async, [&] { return cap.open([&] { return stop.load(); }); });
         EXPECT_TRUE(testutil::pollUntil([&] { return fakealsa::pcmOpenAttempts().size() >= 2; }, 10s));
-        stopAt = std::chrono::steady_clock::now();
+        const auto stopAt = std::chrono::steady_clock::now();
         stop = true;
-        opener.join();
+        EXPECT_FALSE(opened.get());
+        EXPECT_LT(std::chrono::steady_clock::now() - stopAt, 1s); // not the eight seconds of all retries
     });
-    EXPECT_FALSE(opened);
-    EXPECT_LT(returnedAt - stopAt, 1s); // not the eight seconds of all retries
     EXPECT_EQ(qgetenv("LD_LIBRARY_PATH"), QByteArray("/opt/camera/lib"));
     qunsetenv("LD_LIBRARY_PATH");
     // Started detached: poll for the record.
-    ASSERT_TRUE(testutil::pollUntil([&] { return !killallCalls().empty(); }, 10s));
-    for (const std::string &call : killallCalls())
-        EXPECT_EQ(call, "pulseaudio|"); // LD_LIBRARY_PATH defined and empty
+    std::string call;
+    ASSERT_TRUE(testutil::pollUntil([&] { return bool(std::getline(std::ifstream(kKillallLog), call)); }, 10s));
+    EXPECT_EQ(call, "pulseaudio|"); // LD_LIBRARY_PATH defined and empty
 }
 
 // Through the real encoder into a WAV, so that what was handed on can be compared sample
@@ -217,33 +168,23 @@ TEST_F(CaptureTest, BlocksHoldTheCardsSoundAndOverrunsLeaveSilenceOfTheirLength)
     c.channels = {kChannels};
     c.frequency = 500;
     c.overrunEveryMs = 300;
-    c.overrunLossMs = 200;
     fakealsa::addCard("KW-08P USBCamera", {}, c);
     FFmpegEncode enc;
     const std::string file = dir.file("capture.wav");
     enc.setVideo_path(QString::fromStdString(file));
     enc.setRecVideo(false);
-    AudiocaptureThread capture(&enc);
-    QtMessageCollector log;
-    testutil::captureStdout([&] {
-        ASSERT_TRUE(capture.open());
-        enc.setAudioChannel(static_cast<unsigned>(capture.audioChannel()));
-        enc.setaudioSampleRate(static_cast<unsigned>(capture.sampleRate()));
-        enc.setRun(true);
-        ASSERT_TRUE(enc.waitForOpen());
-        capture.setFrameSize(enc.audioFrameSize());
-        capture.startThread();
-        capture.startRecord();
-        ASSERT_TRUE(testutil::pollUntil([&] { return fakealsa::framesDelivered() >= 48 * 1024; }, 10s));
-        capture.stopThread();
-        ASSERT_TRUE(testutil::pollUntil([&] { return capture.isOver(); }, 5s));
-        enc.finish();
-    });
+    enc.setAudioChannel(kChannels);
+    enc.setaudioSampleRate(48000);
+    enc.setRun(true);
+    ASSERT_TRUE(enc.waitForOpen());
+    AudiocaptureThread cap(&enc);
+    const auto oneSecond = [] { return fakealsa::framesDelivered() >= 48000; };
+    capture(cap, [&] { ASSERT_TRUE(testutil::pollUntil(oneSecond, 10s)); }, enc.audioFrameSize());
+    enc.finish();
     MediaFile f;
     std::string err;
     ASSERT_TRUE(readMediaFile(file, f, &err)) << err;
     ASSERT_EQ(f.audioChannels, kChannels);
-    ASSERT_EQ(f.samples.size() % (enc.audioFrameSize() * kChannels), 0u); // whole blocks only
     // The sound up to the first silence is the card's, sample for sample.
     const size_t frames = f.samples.size() / kChannels;
     const auto at = [&](size_t frame) { return f.samples[frame * kChannels]; };
@@ -267,7 +208,6 @@ TEST_F(CaptureTest, BlocksHoldTheCardsSoundAndOverrunsLeaveSilenceOfTheirLength)
     ASSERT_EQ(int(silences.size()), fakealsa::overruns());
     EXPECT_NEAR(std::accumulate(silences.begin(), silences.end(), 0.0),
                 double(fakealsa::framesLost()) / 48000, 0.005 * silences.size());
-    EXPECT_EQ(log.count(QStringLiteral("overruns): filled with silence")), 1);
 }
 
 TEST_F(CaptureTest, PausedBlocksAreDroppedAndResumingHandsOnTheNextRead)
@@ -285,52 +225,47 @@ TEST_F(CaptureTest, PausedBlocksAreDroppedAndResumingHandsOnTheNextRead)
     EXPECT_LE(encoder.audioQueueCount(), int(fakealsa::framesDelivered() / 480) - 10);
 }
 
-TEST_F(CaptureTest, AnUnpluggedMicrophoneThatStaysGoneEndsTheCapture)
+// A microphone that goes, or stays open but delivers nothing (taken for gone after two
+// silent seconds), is reopened; capture ends when it stays gone, and a stop is never held.
+TEST_F(CaptureTest, AGoneMicrophoneIsReopenedAndCaptureEndsWhenItStaysGone)
 {
-    fakealsa::Capture c;
-    c.unplugAfterMs = 300;
-    fakealsa::addCard("KW-08P USBCamera", {}, c);
-    AudiocaptureThread cap(&encoder);
-    capture(cap, [&] { EXPECT_TRUE(testutil::pollUntil([&] { return cap.isOver(); }, 10s)); });
-    EXPECT_GT(encoder.audioQueueCount(), 0);
-    EXPECT_LE(encoder.audioQueueCount(), 30); // nothing after the unplug
-    EXPECT_EQ(fakealsa::pcmOpenHandles(), 0);
-}
-
-TEST_F(CaptureTest, AMicrophoneThatComesBackAtOnceIsReopenedAndKeepsDelivering)
-{
-    fakealsa::Capture c;
-    c.unplugAfterMs = 35;
-    c.replugAfterMs = 0;
-    fakealsa::addCard("KW-08P USBCamera", {}, c);
-    AudiocaptureThread cap(&encoder);
-    capture(cap, [&] {
-        EXPECT_TRUE(testutil::pollUntil([&] { return encoder.audioQueueCount() >= 8; }, 10s));
-        EXPECT_FALSE(cap.isOver());
-    });
-    EXPECT_EQ(fakealsa::pcmOpens(), 2);
-}
-
-// A device that stays open but delivers nothing must neither hold a stop nor keep the
-// thread waiting for ever: after two silent seconds it is taken for gone and reopened.
-TEST_F(CaptureTest, AStalledMicrophoneIsTakenForGoneAndNeverHoldsAStop)
-{
-    fakealsa::Capture c;
-    c.stallAfterMs = 100;
-    fakealsa::addCard("KW-08P USBCamera", {}, c);
-    AudiocaptureThread cap(&encoder);
-    capture(cap, [&] { EXPECT_TRUE(testutil::pollUntil([&] { return fakealsa::pcmOpens() >= 2; }, 10s)); });
-    EXPECT_LT(stopTook, 1s);
-    EXPECT_LE(encoder.audioQueueCount(), 10);
-    EXPECT_EQ(fakealsa::pcmOpenHandles(), 0);
+    struct Row {
+        Setting card;
+        bool ends; // capture ends by itself
+        int minBlocks, maxBlocks;
+    };
+    const Row rows[] = {
+        {[](auto &c) { c.unplugAfterMs = 300; }, true, 1, 30}, // nothing after the unplug
+        {[](auto &c) { c.unplugAfterMs = 35; c.replugAfterMs = 0; }, false, 8, 1000},
+        {[](auto &c) { c.stallAfterMs = 100; }, false, 0, 10},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(&row - rows);
+        fakealsa::reset();
+        fakealsa::Capture c;
+        row.card(c);
+        fakealsa::addCard("KW-08P USBCamera", {}, c);
+        FFmpegEncode enc;
+        AudiocaptureThread cap(&enc);
+        capture(cap, [&] {
+            EXPECT_TRUE(testutil::pollUntil([&] {
+                return cap.isOver() || (fakealsa::pcmOpens() >= 2 && enc.audioQueueCount() >= row.minBlocks);
+            }, 10s));
+            EXPECT_EQ(cap.isOver(), row.ends);
+        });
+        EXPECT_TRUE(c.stallAfterMs < 0 || stopTook < 1s); // a stall never holds a stop
+        EXPECT_GE(enc.audioQueueCount(), row.minBlocks);
+        EXPECT_LE(enc.audioQueueCount(), row.maxBlocks);
+        EXPECT_EQ(fakealsa::pcmOpenHandles(), 0);
+    }
 }
 
 TEST_F(CaptureTest, StoppingBeforeRecordingEndsTheThreadPromptly)
 {
     fakealsa::addCard("KW-08P USBCamera");
     AudiocaptureThread cap(&encoder);
-    ASSERT_TRUE(open(cap));
     testutil::captureStdout([&] {
+        ASSERT_TRUE(cap.open());
         cap.startThread();
         cap.stopThread();
         EXPECT_TRUE(testutil::pollUntil([&] { return cap.isOver(); }, 2s));
@@ -342,6 +277,8 @@ TEST_F(CaptureTest, StoppingBeforeRecordingEndsTheThreadPromptly)
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
+    qputenv("PATH", QByteArray(FAKE_KILLALL_DIR ":") + qgetenv("PATH"));
+    qputenv("FAKE_KILLALL_LOG", QByteArray::fromStdString(kKillallLog));
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
