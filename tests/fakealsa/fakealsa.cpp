@@ -29,7 +29,7 @@ struct Card {
     fakealsa::Capture capture;      // busyOpens counts down
     bool controlFails = false;
     bool clockStarted = false;      // a stream has been started: the epoch is set
-    Clock::time_point epoch;        // when the card's frame 0 was captured
+    Clock::time_point epoch{};      // when the card's frame 0 was captured
     unsigned int rate = 48000;      // Hz, of the stream that set the epoch
     int plugs = 0;                  // times it came back: handles opened before are dead
 };
@@ -110,10 +110,9 @@ fakealsa::Element *findElement(int card, unsigned int numid)
 short cardSample(const Card &c, long frame, int channel)
 {
     const std::optional<fakealsa::Beeps> &beeps = theModel.beeps;
-    if (!beeps) {
-        return fakealsa::sampleAt(frame, c.capture.sameToneOnAllChannels ? 0 : channel, c.rate,
-                                  c.capture.frequency);
-    }
+    const int tone = c.capture.sameToneOnAllChannels ? 0 : channel;
+    if (!beeps)
+        return fakealsa::sampleAt(frame, tone, c.rate, c.capture.frequency);
     // A beep is timed on the steady clock: when the frame was captured, not its number.
     const double t = Seconds(c.epoch - beeps->epoch).count() + frame / cardRate(c);
     const double period = beeps->periodMs / 1000.0;
@@ -130,12 +129,10 @@ struct _snd_ctl {
     int card;
     std::string name;
 };
-struct _snd_ctl_card_info {
-    std::string name;
-};
-struct _snd_ctl_elem_list {
+struct _snd_ctl_card_info : std::string {};
+// The numids listed.
+struct _snd_ctl_elem_list : std::vector<unsigned int> {
     unsigned int space = 0;
-    std::vector<unsigned int> numids;
 };
 // The element of the numid set, as last read.
 struct _snd_ctl_elem_info : fakealsa::Element {};
@@ -144,16 +141,18 @@ struct _snd_pcm_hw_params {
     unsigned int rate = 0;     // Hz, 0: not set
     unsigned int channels = 0; // 0: not set
 };
-struct _snd_pcm {
+// A capture stream, with the parameters it was given.
+struct _snd_pcm : _snd_pcm_hw_params {
     int card = -1;
     int plugs = 0;                  // the card's plugs when opened
-    unsigned int rate = 48000;
-    unsigned int channels = 1;
     enum State { Prepared, Running, Overrun } state = Prepared;
     long readPos = -1;              // card frame of the next frame to deliver; -1: never ran
     Clock::time_point nextOverrun;  // when the next planned overrun comes
     bool lostFrames = false;        // the last stop was an overrun: frames are lost on restart
 };
+using Info = snd_ctl_elem_info_t;
+using Value = snd_ctl_elem_value_t;
+using List = snd_ctl_elem_list_t;
 
 namespace fakealsa {
 
@@ -165,10 +164,7 @@ void reset()
 
 int addCard(const std::string &name, const std::vector<Element> &elements, const Capture &capture)
 {
-    Card c;
-    c.name = name;
-    c.elements = elements;
-    c.capture = capture;
+    Card c{name, elements, capture};
     for (Element &e : c.elements)
         e.values.resize(e.count, 0);
     Locked m;
@@ -329,63 +325,45 @@ const char *snd_ctl_name(snd_ctl_t *ctl) { return ctl->name.c_str(); }
 
 int snd_ctl_card_info(snd_ctl_t *ctl, snd_ctl_card_info_t *info)
 {
-    info->name = Locked()->cards.at(ctl->card).name;
+    info->assign(Locked()->cards.at(ctl->card).name);
     return 0;
 }
 
-const char *snd_ctl_card_info_get_name(const snd_ctl_card_info_t *obj) { return obj->name.c_str(); }
+const char *snd_ctl_card_info_get_name(const snd_ctl_card_info_t *info) { return info->c_str(); }
 
-int snd_ctl_elem_list_alloc_space(snd_ctl_elem_list_t *obj, unsigned int entries)
+int snd_ctl_elem_list_alloc_space(List *list, unsigned int entries)
 {
-    obj->space = entries;
+    list->space = entries;
     return 0;
 }
 
-void snd_ctl_elem_list_free_space(snd_ctl_elem_list_t *obj) { obj->space = 0; }
+void snd_ctl_elem_list_free_space(List *list) { list->space = 0; }
 
 // The first numids of the card's elements, as many as the list has space for.
-int snd_ctl_elem_list(snd_ctl_t *ctl, snd_ctl_elem_list_t *list)
+int snd_ctl_elem_list(snd_ctl_t *ctl, List *list)
 {
     Locked m;
     const std::vector<fakealsa::Element> &all = m->cards.at(ctl->card).elements;
-    list->numids.clear();
+    list->clear();
     for (size_t i = 0; i < all.size() && i < list->space; ++i)
-        list->numids.push_back(all[i].numid);
+        list->push_back(all[i].numid);
     return 0;
 }
 
-unsigned int snd_ctl_elem_list_get_used(const snd_ctl_elem_list_t *obj)
-{
-    return static_cast<unsigned int>(obj->numids.size());
-}
+unsigned int snd_ctl_elem_list_get_used(const List *list) { return unsigned(list->size()); }
+unsigned int snd_ctl_elem_list_get_numid(const List *list, unsigned int i) { return list->at(i); }
 
-unsigned int snd_ctl_elem_list_get_numid(const snd_ctl_elem_list_t *obj, unsigned int idx)
-{
-    return obj->numids.at(idx);
-}
+void snd_ctl_elem_info_set_numid(Info *info, unsigned int numid) { info->numid = numid; }
+int snd_ctl_elem_info(snd_ctl_t *ctl, Info *info) { return readElement(ctl, *info); }
+snd_ctl_elem_iface_t snd_ctl_elem_info_get_interface(const Info *) { return SND_CTL_ELEM_IFACE_MIXER; }
+snd_ctl_elem_type_t snd_ctl_elem_info_get_type(const Info *info) { return snd_ctl_elem_type_t(info->type); }
+unsigned int snd_ctl_elem_info_get_count(const Info *info) { return info->count; }
+const char *snd_ctl_elem_info_get_name(const Info *info) { return info->name.c_str(); }
+long snd_ctl_elem_info_get_min(const Info *info) { return info->min; }
+long snd_ctl_elem_info_get_max(const Info *info) { return info->max; }
 
-void snd_ctl_elem_info_set_numid(snd_ctl_elem_info_t *obj, unsigned int val) { obj->numid = val; }
-int snd_ctl_elem_info(snd_ctl_t *ctl, snd_ctl_elem_info_t *info) { return readElement(ctl, *info); }
-
-snd_ctl_elem_iface_t snd_ctl_elem_info_get_interface(const snd_ctl_elem_info_t *)
-{
-    return SND_CTL_ELEM_IFACE_MIXER;
-}
-
-snd_ctl_elem_type_t snd_ctl_elem_info_get_type(const snd_ctl_elem_info_t *obj)
-{
-    return static_cast<snd_ctl_elem_type_t>(obj->type);
-}
-
-unsigned int snd_ctl_elem_info_get_count(const snd_ctl_elem_info_t *obj) { return obj->count; }
-const char *snd_ctl_elem_info_get_name(const snd_ctl_elem_info_t *obj) { return obj->name.c_str(); }
-long snd_ctl_elem_info_get_min(const snd_ctl_elem_info_t *obj) { return obj->min; }
-long snd_ctl_elem_info_get_max(const snd_ctl_elem_info_t *obj) { return obj->max; }
-
-const char *snd_ctl_elem_iface_name(snd_ctl_elem_iface_t iface)
-{
-    return iface == SND_CTL_ELEM_IFACE_MIXER ? "MIXER" : "CARD";
-}
+// Every element of this card is a mixer element.
+const char *snd_ctl_elem_iface_name(snd_ctl_elem_iface_t) { return "MIXER"; }
 
 const char *snd_ctl_elem_type_name(snd_ctl_elem_type_t type)
 {
@@ -393,10 +371,10 @@ const char *snd_ctl_elem_type_name(snd_ctl_elem_type_t type)
     return unsigned(type) < std::size(names) ? names[type] : "NONE";
 }
 
-void snd_ctl_elem_value_set_numid(snd_ctl_elem_value_t *obj, unsigned int val) { obj->numid = val; }
-int snd_ctl_elem_read(snd_ctl_t *ctl, snd_ctl_elem_value_t *value) { return readElement(ctl, *value); }
+void snd_ctl_elem_value_set_numid(Value *value, unsigned int numid) { value->numid = numid; }
+int snd_ctl_elem_read(snd_ctl_t *ctl, Value *value) { return readElement(ctl, *value); }
 
-int snd_ctl_elem_write(snd_ctl_t *ctl, snd_ctl_elem_value_t *value)
+int snd_ctl_elem_write(snd_ctl_t *ctl, Value *value)
 {
     Locked lock;
     fakealsa::Element *e = findElement(ctl->card, value->numid);
@@ -407,20 +385,13 @@ int snd_ctl_elem_write(snd_ctl_t *ctl, snd_ctl_elem_value_t *value)
     return 0;
 }
 
-long snd_ctl_elem_value_get_integer(const snd_ctl_elem_value_t *obj, unsigned int idx)
-{
-    return idx < obj->values.size() ? obj->values[idx] : 0;
-}
+long snd_ctl_elem_value_get_integer(const Value *value, unsigned int i) { return value->values.at(i); }
+int snd_ctl_elem_value_get_boolean(const Value *value, unsigned int i) { return value->values.at(i) != 0; }
 
-int snd_ctl_elem_value_get_boolean(const snd_ctl_elem_value_t *obj, unsigned int idx)
+void snd_ctl_elem_value_set_integer(Value *value, unsigned int i, long val)
 {
-    return snd_ctl_elem_value_get_integer(obj, idx) != 0;
-}
-
-void snd_ctl_elem_value_set_integer(snd_ctl_elem_value_t *obj, unsigned int idx, long val)
-{
-    obj->values.resize(std::max<size_t>(obj->values.size(), idx + 1), 0);
-    obj->values[idx] = val;
+    value->values.resize(std::max<size_t>(value->values.size(), i + 1), 0);
+    value->values[i] = val;
 }
 
 int snd_pcm_open(snd_pcm_t **pcm, const char *name, snd_pcm_stream_t stream, int /*mode*/)
@@ -496,8 +467,7 @@ int snd_pcm_hw_params(snd_pcm_t *pcm, snd_pcm_hw_params_t *params)
 {
     if (!params->rate || !params->channels)
         return -EINVAL;
-    pcm->rate = params->rate;
-    pcm->channels = params->channels;
+    static_cast<_snd_pcm_hw_params &>(*pcm) = *params;
     return 0;
 }
 
