@@ -212,7 +212,7 @@ void startStream(snd_pcm_t *pcm)
     }
     // Nothing captured before the start is delivered; after an overrun the restart takes
     // the planned loss before sound comes again.
-    const Clock::time_point from = pcm->lostFrames ? now + milliseconds(c.capture.overrunLossMs) : now;
+    const auto from = pcm->lostFrames ? now + milliseconds(c.capture.overrunLossMs) : now;
     const long resumeAt = framesBy(c, from);
     if (pcm->readPos >= 0)
         theModel.framesLost += std::max(0L, resumeAt - pcm->readPos);
@@ -356,7 +356,7 @@ unsigned int snd_ctl_elem_list_get_numid(const List *list, unsigned int i) { ret
 void snd_ctl_elem_info_set_numid(Info *info, unsigned int numid) { info->numid = numid; }
 int snd_ctl_elem_info(snd_ctl_t *ctl, Info *info) { return readElement(ctl, *info); }
 snd_ctl_elem_iface_t snd_ctl_elem_info_get_interface(const Info *) { return SND_CTL_ELEM_IFACE_MIXER; }
-snd_ctl_elem_type_t snd_ctl_elem_info_get_type(const Info *info) { return snd_ctl_elem_type_t(info->type); }
+snd_ctl_elem_type_t snd_ctl_elem_info_get_type(const Info *e) { return snd_ctl_elem_type_t(e->type); }
 unsigned int snd_ctl_elem_info_get_count(const Info *info) { return info->count; }
 const char *snd_ctl_elem_info_get_name(const Info *info) { return info->name.c_str(); }
 long snd_ctl_elem_info_get_min(const Info *info) { return info->min; }
@@ -385,8 +385,8 @@ int snd_ctl_elem_write(snd_ctl_t *ctl, Value *value)
     return 0;
 }
 
-long snd_ctl_elem_value_get_integer(const Value *value, unsigned int i) { return value->values.at(i); }
-int snd_ctl_elem_value_get_boolean(const Value *value, unsigned int i) { return value->values.at(i) != 0; }
+long snd_ctl_elem_value_get_integer(const Value *v, unsigned int i) { return v->values.at(i); }
+int snd_ctl_elem_value_get_boolean(const Value *v, unsigned int i) { return v->values.at(i) != 0; }
 
 void snd_ctl_elem_value_set_integer(Value *value, unsigned int i, long val)
 {
