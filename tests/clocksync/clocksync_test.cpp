@@ -1,5 +1,6 @@
-// Following a sound card's clock: the estimator and the drift controller, fed simulated
-// reads of a card whose crystal is off, with the jitter a busy machine gives read times.
+// Following a sound card's clock: the estimator, the drift controller and the sound
+// timeline that drives it, fed simulated reads of a card whose crystal is off, with the
+// jitter a busy machine gives read times.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,6 +8,8 @@
 #include <random>
 
 #include "encode/clocksync.h"
+#include "encode/soundtimeline.h"
+#include "media/audioblock.h"
 
 namespace {
 
@@ -74,9 +77,9 @@ constexpr double kMaxStartError = 0.006;
 } // namespace
 
 // Ten minutes of each card: the estimator's rate and capture times at checkpoints (32 s
-// and 587 s end a busy spell), and the sound resampled by the controller's compensation
-// kept on the steady clock within bounds and slew.
-TEST(ClockSync, TheEstimatorMeasuresTheCardAndTheControllerKeepsTheSoundOnTheSteadyClock)
+// and 587 s end a busy spell), and the sound placed by the timeline on the estimator's
+// capture times kept on the steady clock within bounds.
+TEST(ClockSync, TheEstimatorMeasuresTheCardAndTheTimelineKeepsTheSoundOnTheSteadyClock)
 {
     uint32_t seed = 1;
     for (double ppm : {-1000.0, -200.0, 0.0, 300.0, 1000.0})
@@ -84,30 +87,28 @@ TEST(ClockSync, TheEstimatorMeasuresTheCardAndTheControllerKeepsTheSoundOnTheSte
             SCOPED_TRACE(testing::Message() << ppm << " ppm, jitter " << jitter);
             CardSim card(ppm, jitter, seed++);
             CardClockEstimator est(kRate);
-            DriftController ctl;
-            double out = 0, c = 0, worstStart = 0, worstSettled = 0;
-            int64_t framesIn = 0;
+            SoundTimeline timeline{int(kRate)};
+            timeline.setCorrecting(true); // without an origin: the first block anchors the sound
+            double worstStart = 0, worstSettled = 0;
+            int64_t out = 0, framesIn = 0;
             for (double checkAt : {30.0, 32.0, 587.0, 600.0}) {
                 while (card.last < kStart + checkAt) {
-                    const double tPrev = card.last;
                     card.next();
                     est.add(card.last, card.frames);
-                    // The error as the sound timeline gives it: output time against the
-                    // fitted capture time of the frames consumed, from the run's anchor.
-                    const double error = out / kRate - (est.timeOfFrame(framesIn) - kStart);
-                    const double dt = tPrev == 0 ? 0.0 : card.last - tPrev;
-                    const double cPrev = c;
-                    c = ctl.update(error, est.rateRatio(), dt);
-                    ASSERT_LE(std::abs(c), DC::kMaxCompensation + 1e-12) << card.last;
-                    ASSERT_LE(std::abs(c - cPrev), DC::kMaxSlewPerSecond * std::min(dt, DC::kMaxStepSeconds) + 1e-12);
-                    // The ideal resampler: this read's frames come out stretched by 1 + c.
-                    const int block = int(card.frames - framesIn);
-                    out += double(block + ctl.compensationSamples(c, block));
+                    AudioBlock block;
+                    block.frames = int(card.frames - framesIn);
+                    // The first block dated exactly, so that it anchors the sound at the card's
+                    // start: where a block lands is the placement's concern, not the drift's.
+                    block.captureTime = framesIn == 0 ? kStart : est.timeOfFrame(framesIn);
+                    block.rateRatio = est.rateRatio();
+                    const SoundTimeline::Placement p = timeline.place(block, out);
+                    ASSERT_LE(std::abs(p.compensation), DC::kMaxCompensation * block.frames + 1) << card.last;
+                    // The ideal resampler: the block's frames come out stretched by the compensation.
+                    out += block.frames + p.compensation;
                     framesIn = card.frames;
-                    const double trueError = std::abs(out / kRate - (card.trueTime(framesIn) - kStart));
+                    const double trueError = std::abs(double(out) / kRate - (card.trueTime(framesIn) - kStart));
                     worstStart = std::max(worstStart, trueError);
-                    if (card.last - kStart >= kAcquireSeconds)
-                        worstSettled = std::max(worstSettled, trueError);
+                    worstSettled = std::max(worstSettled, card.last - kStart >= kAcquireSeconds ? trueError : 0);
                 }
                 ASSERT_TRUE(est.valid()) << "at " << checkAt << " s";
                 EXPECT_NEAR((est.rateRatio() - (1.0 + ppm * 1e-6)) * 1e6, 0.0, kMaxPpmError) << checkAt;
