@@ -1,5 +1,6 @@
-// Following a sound card's clock: the estimator and the drift controller, fed simulated
-// reads of a card whose crystal is off, with the jitter a busy machine gives read times.
+// Following a sound card's clock: the estimator, the drift controller and the sound
+// timeline that drives it, fed simulated reads of a card whose crystal is off, with the
+// jitter a busy machine gives read times.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,299 +8,158 @@
 #include <random>
 
 #include "encode/clocksync.h"
+#include "encode/soundtimeline.h"
+#include "media/audioblock.h"
 
 namespace {
 
+using DC = DriftController;
 constexpr double kRate = 48000.0;
 constexpr int64_t kBlock = 1024;       // frames per read
 constexpr double kStart = 12345.678;   // steady time the card starts at: far from 0
 
-enum class Jitter {
-    None,
-    Uniform,    // every read 0-5 ms late
-    Outliers,   // and 2 % of reads 20-50 ms late
-    Disturbed,  // and 0.3 s stalls whose reads all complete at once, 1 s busy spells
-                // with every read 10-40 ms late, and 0.5 s overruns
-};
-
-const char *name(Jitter j)
-{
-    switch (j) {
-    case Jitter::None: return "none";
-    case Jitter::Uniform: return "0-5 ms";
-    case Jitter::Outliers: return "0-5 ms + 2 % 20-50 ms";
-    case Jitter::Disturbed: return "+ stalls, busy spells, overruns";
-    }
-    return "?";
-}
+// How late reads complete. Uniform: every read 0-5 ms late; Outliers: and 2 % of reads
+// 20-50 ms late; Disturbed: and 0.3 s stalls whose reads all complete at once, 1 s busy
+// spells with every read 10-40 ms late, and 0.5 s overruns.
+enum Jitter { None, Uniform, Outliers, Disturbed };
 
 // Reads of a simulated card: when each completes on the steady clock, and how many frames
 // the run has counted by then (frames lost in an overrun are counted as silence).
-class CardSim
-{
-public:
-    CardSim(double ppm, Jitter jitter, uint32_t seed)
-        : m_rate(kRate * (1.0 + ppm * 1e-6)), m_jitter(jitter), m_rng(seed)
+struct CardSim {
+    double rate;             // true frames per steady second
+    Jitter jitter;
+    std::mt19937 rng;        // fixed seed: the same reads every run
+    int64_t frames = 0;      // frames captured at the latest read
+    double last = 0;         // completion of the latest read
+
+    CardSim(double ppm, Jitter j, uint32_t seed) : rate(kRate * (1 + ppm * 1e-6)), jitter(j), rng(seed) {}
+
+    double trueTime(int64_t f) const { return kStart + double(f) / rate; }
+    double uniform(double lo, double hi) { return lo + (hi - lo) * double(rng() >> 8) / 16777216.0; }
+    // Whether `rel` seconds into the run fall in a spell of `length` every `every` from `from`.
+    static bool inSpell(double rel, double from, double every, double length)
     {
+        return rel >= from && std::fmod(rel - from, every) < length;
     }
 
-    // From frame `frame` on, the card runs at `ppm` instead.
-    void changeRate(int64_t frame, double ppm)
+    // Advances to the next read: `last` and `frames` are its completion time and frames total.
+    void next()
     {
-        m_changeTime = trueTime(frame);
-        m_changeFrame = frame;
-        m_rateAfter = kRate * (1.0 + ppm * 1e-6);
+        do // the frames of an overrun (0.5 s every 211 s) come back as silence with the next read
+            frames += kBlock;
+        while (jitter == Disturbed && inSpell(trueTime(frames) - kStart, 20, 211, 0.5));
+        const double due = trueTime(frames), rel = due - kStart;
+        double late = 0;
+        if (jitter != None)
+            late = jitter != Uniform && uniform(0, 1) < 0.02 ? uniform(0.020, 0.050) : uniform(0, 0.005);
+        if (jitter == Disturbed && inSpell(rel, 31, 37, 1)) // busy spells
+            late = uniform(0.010, 0.040);
+        if (jitter == Disturbed && inSpell(rel, 13, 37, 0.3)) // stalls: reads complete at the end
+            late = std::max(late, 0.3 - std::fmod(rel - 13, 37));
+        last = std::max(last, due + late);
     }
-
-    // True steady time at which frame f was captured.
-    double trueTime(int64_t f) const
-    {
-        if (m_changeFrame >= 0 && f > m_changeFrame)
-            return m_changeTime + double(f - m_changeFrame) / m_rateAfter;
-        return kStart + double(f) / m_rate;
-    }
-
-    // Advances to the next read: its completion time and the frames total.
-    void next(double &t, int64_t &frames)
-    {
-        for (;;) {
-            m_frames += kBlock;
-            const double due = trueTime(m_frames);
-            const double rel = due - kStart;
-            if (m_jitter == Jitter::Disturbed && inOverrun(rel))
-                continue; // nothing read; the frames come back as silence with the next read
-            double done = due + lateness();
-            if (m_jitter == Jitter::Disturbed && inBusySpell(rel))
-                done = due + uniform(0.010, 0.040);
-            if (m_jitter == Jitter::Disturbed) {
-                const double stallEnd = stallEndFor(rel);
-                if (stallEnd > 0)
-                    done = std::max(done, kStart + stallEnd);
-            }
-            m_last = std::max(m_last, done);
-            t = m_last;
-            frames = m_frames;
-            return;
-        }
-    }
-
-private:
-    static bool inOverrun(double rel)
-    {
-        for (double at : {20.0, 250.0, 431.0})
-            if (rel >= at && rel < at + 0.5)
-                return true;
-        return false;
-    }
-    // Busy spells of 1 s every 37 s: whole buckets of late reads.
-    static bool inBusySpell(double rel)
-    {
-        return rel >= 31.0 && std::fmod(rel - 31.0, 37.0) < 1.0;
-    }
-    // Stalls of 0.3 s every 37 s, at varying phases against the estimator's buckets.
-    static double stallEndFor(double rel)
-    {
-        const double phase = std::fmod(rel - 13.0, 37.0);
-        if (rel < 13.0 || phase >= 0.3)
-            return 0;
-        return rel - phase + 0.3;
-    }
-    double uniform(double lo, double hi)
-    {
-        return lo + (hi - lo) * double(m_rng() >> 8) / 16777216.0;
-    }
-    double lateness()
-    {
-        if (m_jitter == Jitter::None)
-            return 0;
-        if (m_jitter != Jitter::Uniform && uniform(0, 1) < 0.02)
-            return uniform(0.020, 0.050);
-        return uniform(0, 0.005);
-    }
-
-    double m_rate;           // true frames per steady second
-    int64_t m_changeFrame = -1; // first frame of the changed rate, -1: none
-    double m_changeTime = 0;    // its true time
-    double m_rateAfter = 0;     // true frames per steady second from then on
-    Jitter m_jitter;
-    std::mt19937 m_rng;      // fixed seed: the same reads every run
-    int64_t m_frames = 0;    // frames captured at the latest read
-    double m_last = 0;       // completion of the latest read
 };
-
-} // namespace
 
 // Bound on the measured rate: the lower envelope's points scatter by ~0.4 ms, which over
 // a 30 s window of 120 points gives a slope error of ~4 ppm (one sigma); 20 ppm leaves
 // room for the outliers while still catching a fit pulled by late reads (hundreds of ppm)
-// or one that ignores the card (the rows go up to 1000 ppm). 20 ppm is 0.6 ms over the
-// window, which the controller's proportional term absorbs.
+// or one that ignores the card (the rows go up to 1000 ppm).
 constexpr double kMaxPpmError = 20.0;
 // The fitted capture time: the envelope sits ~0.4 ms above the truth with 0-5 ms jitter.
 constexpr double kMaxTimeError = 0.001;
-
-TEST(CardClockEstimator, MeasuresTheCardAndRemovesTheJitter)
-{
-    uint32_t seed = 1;
-    for (double ppm : {-1000.0, -200.0, 0.0, 100.0, 1000.0}) {
-        for (Jitter jitter : {Jitter::None, Jitter::Uniform, Jitter::Outliers, Jitter::Disturbed}) {
-            SCOPED_TRACE(testing::Message() << ppm << " ppm, jitter " << name(jitter));
-            CardSim card(ppm, jitter, seed++);
-            CardClockEstimator est(kRate);
-            double t = 0;
-            int64_t frames = 0;
-            // 32 s and 587 s: at the end of a busy spell, whose late points sit at the window's end.
-            for (double checkAt : {30.0, 32.0, 587.0, 600.0}) {
-                double tMid = 0;
-                int64_t framesMid = 0;
-                while (t < kStart + checkAt) {
-                    card.next(t, frames);
-                    est.add(t, frames);
-                    if (tMid == 0 && t >= kStart + checkAt - 15.0) {
-                        tMid = t;
-                        framesMid = frames;
-                    }
-                }
-                ASSERT_TRUE(est.valid()) << "at " << checkAt << " s";
-                EXPECT_NEAR((est.rateRatio() - (1.0 + ppm * 1e-6)) * 1e6, 0.0, kMaxPpmError)
-                    << "at " << checkAt << " s";
-                for (int64_t f : {frames, framesMid})
-                    EXPECT_NEAR(est.timeOfFrame(f), card.trueTime(f), kMaxTimeError)
-                        << "frame " << f << " at " << checkAt << " s";
-            }
-        }
-    }
-}
-
-TEST(CardClockEstimator, ARunStartsWithTheNominalRateAndAResetForgetsTheOldRun)
-{
-    CardClockEstimator est(kRate);
-    double t = 0;
-    int64_t frames = 0;
-    CardSim fast(1000.0, Jitter::Uniform, 7);
-    while (t < kStart + 60.0) {
-        fast.next(t, frames);
-        est.add(t, frames);
-    }
-    ASSERT_NEAR(est.rateRatio(), 1.001, kMaxPpmError * 1e-6);
-
-    // A new run on a slow card, 100 s later, counting from 0 again.
-    est.reset();
-    CardSim slow(-1000.0, Jitter::Uniform, 8);
-    double t2 = 0;
-    int64_t frames2 = 0;
-    while (t2 < kStart + 1.0) {
-        slow.next(t2, frames2);
-        est.add(t2 + 100.0, frames2);
-    }
-    // Too short to measure: the nominal rate through the latest point, within the jitter.
-    EXPECT_FALSE(est.valid());
-    EXPECT_EQ(est.rateRatio(), 1.0);
-    EXPECT_NEAR(est.timeOfFrame(frames2), slow.trueTime(frames2) + 100.0, 0.005);
-    while (t2 < kStart + 30.0) {
-        slow.next(t2, frames2);
-        est.add(t2 + 100.0, frames2);
-    }
-    ASSERT_TRUE(est.valid());
-    EXPECT_NEAR(est.rateRatio(), 0.999, kMaxPpmError * 1e-6);
-    EXPECT_NEAR(est.timeOfFrame(frames2), slow.trueTime(frames2) + 100.0, kMaxTimeError);
-}
-
-TEST(CardClockEstimator, FollowsACardWhoseRateChanges)
-{
-    // Ten minutes at -200 ppm, then +200 ppm (a crystal warming, exaggerated): once the
-    // window has passed the change, only the new rate counts.
-    CardSim card(-200.0, Jitter::Outliers, 9);
-    CardClockEstimator est(kRate);
-    double t = 0;
-    int64_t frames = 0;
-    while (t < kStart + 600.0) {
-        card.next(t, frames);
-        est.add(t, frames);
-    }
-    ASSERT_NEAR(est.rateRatio(), 1.0 - 200e-6, kMaxPpmError * 1e-6);
-    card.changeRate(frames, 200.0);
-    const double changedAt = t;
-    while (t < changedAt + CardClockEstimator::kWindowSeconds + 5.0) {
-        card.next(t, frames);
-        est.add(t, frames);
-    }
-    EXPECT_NEAR(est.rateRatio(), 1.0 + 200e-6, kMaxPpmError * 1e-6);
-    EXPECT_NEAR(est.timeOfFrame(frames), card.trueTime(frames), kMaxTimeError);
-}
-
-TEST(CardClockEstimator, StaysExactAfterHours)
-{
-    // Ten hours without jitter, one read a second, on a steady clock a day past boot:
-    // sums of squares of raw times and frame counts would have lost the microseconds.
-    const double t0 = 86400.0;
-    const double rate = kRate * (1.0 + 1000e-6);
-    const int64_t perRead = 48000;
-    CardClockEstimator est(kRate);
-    int64_t frames = 0;
-    while (double(frames) / rate < 36000.0) {
-        frames += perRead;
-        est.add(t0 + double(frames) / rate, frames);
-    }
-    EXPECT_NEAR((est.rateRatio() - 1.001) * 1e6, 0.0, 0.01);
-    EXPECT_NEAR(est.timeOfFrame(frames), t0 + double(frames) / rate, 1e-6);
-}
-
-// Within this of the steady clock once acquired: the estimator's ~0.4 ms envelope offset
-// plus the proportional term's leftover from the first seconds' drift.
-constexpr double kMaxSettledError = 0.003;
-constexpr double kAcquireSeconds = 20.0;
+// The sound against the steady clock through the controller, once acquired (after 20 s):
+// the envelope's offset plus the proportional term's leftover from the first seconds.
+constexpr double kMaxSettledError = 0.003, kAcquireSeconds = 20.0;
 // From the start: before the fit is valid the card drifts at up to 1 ms/s, then the
 // compensation needs 2 s of slewing to reach 1000 ppm.
 constexpr double kMaxStartError = 0.006;
 
-TEST(DriftController, KeepsTheSoundOnTheSteadyClockWithinBoundsAndSlew)
+} // namespace
+
+// Ten minutes of each card: the estimator's rate and capture times at checkpoints (32 s
+// and 587 s end a busy spell), and the sound placed by the timeline on the estimator's
+// capture times kept on the steady clock within bounds.
+TEST(ClockSync, TheEstimatorMeasuresTheCardAndTheTimelineKeepsTheSoundOnTheSteadyClock)
 {
-    struct Row {
-        double ppm;
-        Jitter jitter;
-    };
-    const Row rows[] = {
-        {-1000, Jitter::Outliers}, {0, Jitter::Outliers}, {300, Jitter::Outliers},
-        {1000, Jitter::Outliers},  {1000, Jitter::Disturbed}, {-1000, Jitter::Disturbed},
-    };
-    uint32_t seed = 100;
-    for (const Row &row : rows) {
-        SCOPED_TRACE(testing::Message() << row.ppm << " ppm, jitter " << name(row.jitter));
-        CardSim card(row.ppm, row.jitter, seed++);
-        CardClockEstimator est(kRate);
-        DriftController ctl;
-        const double anchor = kStart; // the run's frame 0 on the steady clock
-        double t = 0, tPrev = 0, out = 0, cPrev = 0;
-        int64_t framesIn = 0, frames = 0;
-        double worstSettled = 0, worstStart = 0;
-        bool first = true;
-        while (t < kStart + 600.0) {
-            card.next(t, frames);
-            est.add(t, frames);
-            const double error = out / kRate - (est.timeOfFrame(framesIn) - anchor);
-            const double dt = first ? 0.0 : t - tPrev;
-            first = false;
-            tPrev = t;
-            const double c = ctl.update(error, est.rateRatio(), dt);
-            ASSERT_LE(std::abs(c), DriftController::kMaxCompensation + 1e-12) << "at " << t - kStart;
-            ASSERT_LE(std::abs(c - cPrev),
-                      DriftController::kMaxSlewPerSecond
-                              * std::min(dt, DriftController::kMaxStepSeconds) + 1e-12)
-                << "at " << t - kStart;
-            cPrev = c;
-            // The ideal resampler: this read's frames come out stretched by 1 + c.
-            const int block = int(frames - framesIn);
-            out += double(block + ctl.compensationSamples(c, block));
-            framesIn = frames;
-            const double trueError = out / kRate - (card.trueTime(framesIn) - anchor);
-            worstStart = std::max(worstStart, std::abs(trueError));
-            if (t - kStart >= kAcquireSeconds)
-                worstSettled = std::max(worstSettled, std::abs(trueError));
+    uint32_t seed = 1;
+    for (double ppm : {-1000.0, -200.0, 0.0, 300.0, 1000.0})
+        for (Jitter jitter : {None, Uniform, Outliers, Disturbed}) {
+            SCOPED_TRACE(testing::Message() << ppm << " ppm, jitter " << jitter);
+            CardSim card(ppm, jitter, seed++);
+            CardClockEstimator est(kRate);
+            SoundTimeline timeline{int(kRate)};
+            timeline.setCorrecting(true); // without an origin: the first block anchors the sound
+            double worstStart = 0, worstSettled = 0;
+            int64_t out = 0, framesIn = 0;
+            for (double checkAt : {30.0, 32.0, 587.0, 600.0}) {
+                while (card.last < kStart + checkAt) {
+                    card.next();
+                    est.add(card.last, card.frames);
+                    AudioBlock block;
+                    block.frames = int(card.frames - framesIn);
+                    // The first block dated exactly, so that it anchors the sound at the card's
+                    // start: where a block lands is the placement's concern, not the drift's.
+                    block.captureTime = framesIn == 0 ? kStart : est.timeOfFrame(framesIn);
+                    block.rateRatio = est.rateRatio();
+                    const SoundTimeline::Placement p = timeline.place(block, out);
+                    ASSERT_LE(std::abs(p.compensation), DC::kMaxCompensation * block.frames + 1) << card.last;
+                    // The ideal resampler: the block's frames come out stretched by the compensation.
+                    out += block.frames + p.compensation;
+                    framesIn = card.frames;
+                    const double trueError = std::abs(double(out) / kRate - (card.trueTime(framesIn) - kStart));
+                    worstStart = std::max(worstStart, trueError);
+                    worstSettled = std::max(worstSettled, card.last - kStart >= kAcquireSeconds ? trueError : 0);
+                }
+                ASSERT_TRUE(est.valid()) << "at " << checkAt << " s";
+                EXPECT_NEAR((est.rateRatio() - (1.0 + ppm * 1e-6)) * 1e6, 0.0, kMaxPpmError) << checkAt;
+                EXPECT_NEAR(est.timeOfFrame(framesIn), card.trueTime(framesIn), kMaxTimeError) << checkAt;
+            }
+            EXPECT_LT(worstStart, kMaxStartError);
+            EXPECT_LT(worstSettled, kMaxSettledError);
         }
-        EXPECT_LT(worstStart, kMaxStartError);
-        EXPECT_LT(worstSettled, kMaxSettledError);
+}
+
+// A card whose rate changes (a crystal warming, exaggerated) is followed once the window
+// has passed the change; a new run (after a reset) starts from the nominal rate; a run of
+// hours keeps its precision.
+TEST(CardClockEstimator, FollowsARateChangeAndANewRunAndStaysExactForHours)
+{
+    CardClockEstimator est(kRate);
+    // Reads of `card` up to its time `until`, moved by `dt` seconds and `df` frames.
+    const auto feed = [&](CardSim &card, double until, double dt, int64_t df) {
+        while (card.last < until) {
+            card.next();
+            est.add(card.last + dt, card.frames + df);
+        }
+        return card.frames;
+    };
+    CardSim slow(-200.0, Outliers, 8), warm(200.0, Outliers, 9);
+    const int64_t before = feed(slow, kStart + 600.0, 0, 0);
+    ASSERT_NEAR(est.rateRatio(), 1.0 - 200e-6, kMaxPpmError * 1e-6);
+    const double shift = slow.trueTime(before) - kStart; // the same run goes on, warmer
+    int64_t frames = feed(warm, kStart + CardClockEstimator::kWindowSeconds + 5.0, shift, before);
+    EXPECT_NEAR(est.rateRatio(), 1.0 + 200e-6, kMaxPpmError * 1e-6);
+    EXPECT_NEAR(est.timeOfFrame(before + frames), warm.trueTime(frames) + shift, kMaxTimeError);
+
+    est.reset(); // a fast card, 100 s later, counting from 0 again
+    CardSim fast(1000.0, Uniform, 7);
+    frames = feed(fast, kStart + 1.0, 100.0, 0);
+    // Too short to measure: the nominal rate through the latest point, within the jitter.
+    EXPECT_FALSE(est.valid());
+    EXPECT_EQ(est.rateRatio(), 1.0);
+    EXPECT_NEAR(est.timeOfFrame(frames), fast.trueTime(frames) + 100.0, 0.005);
+
+    // Ten hours without jitter, one read a second, on a steady clock a day past boot:
+    // sums of squares of raw times and frame counts would have lost the microseconds.
+    est.reset();
+    const double t0 = 86400.0, rate = kRate * (1.0 + 1000e-6);
+    frames = 0;
+    while (double(frames) / rate < 36000.0) {
+        frames += 48000;
+        est.add(t0 + double(frames) / rate, frames);
     }
+    EXPECT_NEAR((est.rateRatio() - 1.001) * 1e6, 0.0, 0.01);
+    EXPECT_NEAR(est.timeOfFrame(frames), t0 + double(frames) / rate, 1e-6);
 }
 
 TEST(DriftController, SaturatesAtTheBoundAndLetsGoWithoutWindUp)
@@ -311,8 +171,7 @@ TEST(DriftController, SaturatesAtTheBoundAndLetsGoWithoutWindUp)
     double c = 0;
     for (int i = 1; i <= 3000; ++i) {
         c = ctl.update(0.5, 1.0, dt);
-        const double limit = std::min(DriftController::kMaxCompensation,
-                                      i * dt * DriftController::kMaxSlewPerSecond);
+        const double limit = std::min(DC::kMaxCompensation, i * dt * DC::kMaxSlewPerSecond);
         ASSERT_NEAR(c, -limit, 1e-12) << "update " << i;
     }
     // Back on time: the compensation returns at the slew limit; an integral wound up over
@@ -323,17 +182,16 @@ TEST(DriftController, SaturatesAtTheBoundAndLetsGoWithoutWindUp)
     // A card far outside the bound is followed only up to it.
     for (int i = 0; i < 1000; ++i)
         c = ctl.update(0.0, 0.9, dt);
-    EXPECT_DOUBLE_EQ(c, DriftController::kMaxCompensation);
+    EXPECT_DOUBLE_EQ(c, DC::kMaxCompensation);
     ctl.reset();
     EXPECT_EQ(ctl.update(0.0, 1.0, dt), 0.0);
     // The first update after a long gap moves the pitch no more than a regular step would.
-    EXPECT_DOUBLE_EQ(ctl.update(0.5, 1.0, 5.0),
-                     -DriftController::kMaxSlewPerSecond * DriftController::kMaxStepSeconds);
+    EXPECT_DOUBLE_EQ(ctl.update(0.5, 1.0, 5.0), -DC::kMaxSlewPerSecond * DC::kMaxStepSeconds);
 }
 
 TEST(DriftController, CompensationSamplesCarryTheFractions)
 {
-    for (double c : {0.005, -0.005, 0.0001234, -0.0031, 1e-7, 0.0}) {
+    for (double c : {0.005, -0.005, 0.0001234, -0.0031, 1e-7, 0.0})
         for (int block : {1024, 1023, 960}) {
             DriftController ctl;
             int64_t sum = 0;
@@ -344,5 +202,4 @@ TEST(DriftController, CompensationSamplesCarryTheFractions)
             }
             EXPECT_NEAR(double(sum), c * block * 10000.0, 1.0) << c << " x " << block;
         }
-    }
 }

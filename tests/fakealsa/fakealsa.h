@@ -25,7 +25,7 @@ struct Element {
 // The card's capture device. Its sample clock runs from the first start of a stream on
 // the card: card frame n is captured at epoch + n / (rate x (1 + ppm / 1e6)).
 struct Capture {
-    std::vector<unsigned int> rates{48000};     // granted: the nearest of these
+    std::vector<unsigned int> rates{48000};     // granted: the nearest of these (one at least)
     std::vector<unsigned int> channels{1, 2};   // accepted channel counts
     double frequency = 1000.0;   // channel c carries a sine of frequency x (c + 1) Hz
     bool sameToneOnAllChannels = false; // every channel carries `frequency` (a microphone array)
@@ -50,6 +50,7 @@ struct Beeps {
 };
 void setBeeps(const Beeps &beeps);
 
+// Forgets the cards and the counters below (not the open handles).
 void reset();
 // Adds a card (index = cards added before); returns its index.
 int addCard(const std::string &name, const std::vector<Element> &elements = {},
@@ -57,13 +58,6 @@ int addCard(const std::string &name, const std::vector<Element> &elements = {},
 // The control device of this card fails to open.
 void setControlOpenFails(int card);
 
-// One snd_ctl_elem_write: the element's values after the write.
-struct MixerWrite {
-    int card;
-    unsigned int numid;
-    std::vector<long> values;
-};
-std::vector<MixerWrite> mixerWrites();
 // Current values of an element.
 std::vector<long> elementValues(int card, unsigned int numid);
 // Every snd_pcm_open call: the device name asked for.
