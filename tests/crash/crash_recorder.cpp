@@ -1,6 +1,6 @@
 // The host of the kill test: records FILE through the built plugin (a synthetic camera
 // at 640x480, 30 fps, and the simulated microphone) until it is killed. Once the
-// recording has started it writes "recording\n" to descriptor 3.
+// recording has started it prints the line "recording PID".
 //
 // usage: crash_recorder FILE
 #include <QCoreApplication>
@@ -16,10 +16,8 @@
 
 int main(int argc, char **argv)
 {
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: %s FILE\n", argv[0]);
-        return 2;
-    }
+    if (argc != 2)
+        return 2; // see the usage above
     QCoreApplication app(argc, argv);
     simulatedmic::reset();
     simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
@@ -38,9 +36,11 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "the recording did not start\n");
         return 1;
     }
-    static const char kStarted[] = "recording\n";
-    if (write(3, kStarted, sizeof kStarted - 1) != ssize_t(sizeof kStarted - 1))
-        return 1;
+    // The line the test waits for, on the pipe it reads; later output goes where standard
+    // error goes, so that the pipe never fills.
+    std::printf("recording %d\n", int(getpid()));
+    std::fflush(stdout);
+    dup2(2, 1);
     // Until SIGKILL: nothing after this line runs.
     for (;;)
         std::this_thread::sleep_for(std::chrono::hours(1));
