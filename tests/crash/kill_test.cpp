@@ -1,17 +1,19 @@
 // Recordings through the built plugin that end badly or well: one killed at any moment
 // leaves a file that plays (a child process records and is sent SIGKILL at moments spread
 // over its first seconds); one stopped cleanly is a standard MP4 by the time isRecording()
-// says false.
+// says false. The child is this program, run as `kill_test --record FILE`.
 #include <gtest/gtest.h>
 
+#include <QCoreApplication>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <utility>
 #include <signal.h>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "media/standardmp4.h"
@@ -35,15 +37,52 @@ const std::pair<std::string, std::vector<double>> kKills[] = {
 };
 // At most this much before the kill may be missing from the file, seconds.
 constexpr double kMostLost = 1.5;
-// The child's frame period (crash_recorder records at 30 fps), seconds.
+// The frame period of both recordings, seconds.
 constexpr double kFramePeriod = 1.0 / 30;
 
-// Runs crash_recorder on `file`, reads its output up to the start line, sleeps until `at`
+// Starts recording `file` through the loaded plugin from `camera` and the simulated
+// microphone; false when it did not start.
+bool startRecording(LoadedRecorder &rec, SyntheticCamera &camera, int width, int height,
+                    const std::string &file)
+{
+    simulatedmic::reset();
+    simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
+    if (!rec.loaded())
+        return false;
+    rec->setPluginComponent(&camera);
+    rec->setFilename(QString::fromStdString(file));
+    rec->vSetRecSize(width, height);
+    rec->setFps(30);
+    rec->startRecord();
+    return rec->waitForRecordStart(20000);
+}
+
+// The child: records FILE at 640x480 until SIGKILL, after writing "recording PID" on the
+// pipe that is its standard output; later output goes where standard error goes, so that
+// the pipe never fills.
+int recordUntilKilled(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    SyntheticCamera camera(640, 480, 30);
+    LoadedRecorder rec{QStringLiteral(RECORDER_PLUGIN_PATH)};
+    if (!startRecording(rec, camera, 640, 480, argv[2])) {
+        std::fprintf(stderr, "the recording did not start %s\n", qPrintable(rec.error()));
+        return 1;
+    }
+    std::printf("recording %d\n", int(getpid()));
+    std::fflush(stdout);
+    dup2(2, 1);
+    for (;;)
+        std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+// Runs the child on `file`, reads its output up to the start line, sleeps until `at`
 // seconds after it (the sleep is what is tested, not a synchronisation) and kills it.
 // Returns when SIGKILL went, seconds after the start line; -1 after a failure.
 double recordAndKill(const std::string &file, double at)
 {
-    FILE *child = popen(("exec '" CRASH_RECORDER "' '" + file + "'").c_str(), "r");
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    FILE *child = popen(("exec '" + self + "' --record '" + file + "'").c_str(), "r");
     std::string out;
     char line[512];
     int pid = 0;
@@ -112,19 +151,11 @@ TEST(KillTest, ARecordingKilledAtAnyMomentPlaysUpToJustBeforeTheKill)
 TEST(CleanStopTest, IsRecordingTurnsFalseOnlyOnceTheStandardFileIsInPlace)
 {
     testutil::TempDir dir;
-    simulatedmic::reset();
-    simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
     SyntheticCamera camera(320, 240, 30);
     LoadedRecorder rec{QStringLiteral(RECORDER_PLUGIN_PATH)};
-    ASSERT_TRUE(rec.loaded()) << qPrintable(rec.error());
     const std::string file = dir.file("clean.mp4");
-    rec->setPluginComponent(&camera);
-    rec->setFilename(QString::fromStdString(file));
-    rec->vSetRecSize(320, 240);
-    rec->setFps(30);
     testutil::captureStdout([&] {
-        rec->startRecord();
-        ASSERT_TRUE(rec->waitForRecordStart(20000));
+        ASSERT_TRUE(startRecording(rec, camera, 320, 240, file)) << qPrintable(rec.error());
         std::this_thread::sleep_for(std::chrono::seconds(2)); // the recording's length
         rec->stopRecord();
         ASSERT_TRUE(testutil::pollUntil([&] { return !rec->isRecording(); }, std::chrono::seconds(60)));
@@ -137,4 +168,12 @@ TEST(CleanStopTest, IsRecordingTurnsFalseOnlyOnceTheStandardFileIsInPlace)
     ASSERT_TRUE(readMediaFile(file, f, &err, false)) << err;
     EXPECT_GE(f.video()->packetPts.size(), 45u);
     EXPECT_GE(f.audioSeconds(), 1.5);
+}
+
+int main(int argc, char **argv)
+{
+    if (argc == 3 && std::string(argv[1]) == "--record")
+        return recordUntilKilled(argc, argv);
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
 }
