@@ -55,6 +55,11 @@ int openDecoder(Reader &r, const AVStream *st)
     return ret < 0 ? ret : avcodec_open2(c, codec, nullptr);
 }
 
+int64_t framePts(const AVFrame *f)
+{
+    return f->pts == AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts;
+}
+
 // A decoded picture as BGR, with the scaler in `*sws` (kept for the next).
 cv::Mat toBgr(SwsContext **sws, const AVFrame *f)
 {
@@ -74,8 +79,8 @@ void takeSamples(Reader &r, const AVFrame *f, AVRational timeBase)
 {
     MediaFile &out = r.out;
     if (!r.swr) {
-        if (f->best_effort_timestamp != AV_NOPTS_VALUE)
-            out.audioStartSeconds = f->best_effort_timestamp * av_q2d(timeBase);
+        if (framePts(f) != AV_NOPTS_VALUE)
+            out.audioStartSeconds = framePts(f) * av_q2d(timeBase);
         AVChannelLayout layout = f->ch_layout; // 5.1 takes the layouts non-const
         swr_alloc_set_opts2(&r.swr, &layout, AV_SAMPLE_FMT_S16, f->sample_rate, &layout,
                             static_cast<AVSampleFormat>(f->format), f->sample_rate, 0, nullptr);
@@ -104,7 +109,7 @@ void decode(Reader &r, AVCodecContext *c, const AVPacket *pkt)
         // The writer's pictures are planar YUV: plane 0 is the luma.
         const cv::Mat luma(f->height, f->width, CV_8UC1, f->data[0], size_t(f->linesize[0]));
         r.out.frameBrightness.push_back(cv::mean(luma)[0]);
-        r.out.framePts.push_back(f->best_effort_timestamp);
+        r.out.framePts.push_back(framePts(f));
         if (r.keepPictures)
             r.out.frames.push_back(toBgr(&r.sws, f));
     }
@@ -170,9 +175,9 @@ bool readMediaFile(const std::string &path, MediaFile &out, std::string *error, 
             st->start_time == AV_NOPTS_VALUE ? NAN : st->start_time * av_q2d(st->time_base);
         out.streams.push_back(
             {p->codec_type, p->codec_id, st->time_base, p->width, p->height, start, {}, {}, {}});
-        const bool decode = p->codec_type == AVMEDIA_TYPE_AUDIO
+        const bool wanted = p->codec_type == AVMEDIA_TYPE_AUDIO
             || (p->codec_type == AVMEDIA_TYPE_VIDEO && decodePictures);
-        if (decode && (ret = openDecoder(r, st)) < 0)
+        if (wanted && (ret = openDecoder(r, st)) < 0)
             return fail(error, "cannot decode stream " + std::to_string(i) + " of " + path, ret);
     }
     while ((ret = av_read_frame(r.fmt, r.pkt)) >= 0) {
