@@ -1,6 +1,5 @@
 #include "mediareader.h"
 
-#include <cmath>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -12,24 +11,18 @@ extern "C" {
 
 namespace {
 
-std::string avError(int code)
-{
-    char buf[AV_ERROR_MAX_STRING_SIZE] = {0};
-    av_strerror(code, buf, sizeof buf);
-    return buf;
-}
-
-// Decoders of one file, one per video/audio stream, and the converters to BGR / S16.
-struct Decoders {
+// One file being read: its decoders and the converters to BGR / S16.
+struct Reader {
+    MediaFile &out;
+    bool keepPictures;
     AVFormatContext *fmt = nullptr;
-    std::vector<AVCodecContext *> codecs; // by stream index, null where not decoded
+    std::vector<AVCodecContext *> codecs{}; // by stream index, null where not decoded
     SwsContext *sws = nullptr;
     SwrContext *swr = nullptr;
-    AVFrame *frame = nullptr;
-    AVPacket *pkt = nullptr;
-    bool keepPictures = true;
+    AVFrame *frame = av_frame_alloc();
+    AVPacket *pkt = av_packet_alloc();
 
-    ~Decoders()
+    ~Reader()
     {
         for (AVCodecContext *c : codecs)
             avcodec_free_context(&c);
@@ -41,16 +34,30 @@ struct Decoders {
     }
 };
 
-// Mean of the luma plane of a planar YUV picture (the writer's format).
-double meanLuma(const AVFrame *f)
+// Sets *error (when asked for) to `what` and FFmpeg's text for `code`; false.
+bool fail(std::string *error, const std::string &what, int code)
 {
-    double sum = 0;
-    for (int y = 0; y < f->height; ++y) {
-        const uint8_t *row = f->data[0] + y * f->linesize[0];
-        for (int x = 0; x < f->width; ++x)
-            sum += row[x];
-    }
-    return f->width && f->height ? sum / (double(f->width) * f->height) : 0;
+    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
+    av_strerror(code, text, sizeof text);
+    if (error)
+        *error = what + ": " + text;
+    return false;
+}
+
+int openDecoder(Reader &r, const AVStream *st)
+{
+    const AVCodec *codec = avcodec_find_decoder(st->codecpar->codec_id);
+    AVCodecContext *c = r.codecs[st->index] = codec ? avcodec_alloc_context3(codec) : nullptr;
+    if (!c)
+        return AVERROR_DECODER_NOT_FOUND;
+    c->pkt_timebase = st->time_base;
+    const int ret = avcodec_parameters_to_context(c, st->codecpar);
+    return ret < 0 ? ret : avcodec_open2(c, codec, nullptr);
+}
+
+int64_t framePts(const AVFrame *f)
+{
+    return f->pts == AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts;
 }
 
 // A decoded picture as BGR, with the scaler in `*sws` (kept for the next).
@@ -68,69 +75,51 @@ cv::Mat toBgr(SwsContext **sws, const AVFrame *f)
     return room(cv::Rect(0, 0, f->width, f->height)).clone();
 }
 
-void takePicture(Decoders &d, const AVFrame *f, MediaFile &out)
+void takeSamples(Reader &r, const AVFrame *f, AVRational timeBase)
 {
-    out.frameBrightness.push_back(meanLuma(f));
-    out.framePts.push_back(f->pts == AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts);
-    if (d.keepPictures)
-        out.frames.push_back(toBgr(&d.sws, f));
-}
-
-void takeSamples(Decoders &d, const AVFrame *f, AVRational timeBase, MediaFile &out)
-{
-    if (!d.swr) {
-        const int64_t pts = f->pts == AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts;
-        if (pts != AV_NOPTS_VALUE)
-            out.audioStartSeconds = pts * av_q2d(timeBase);
+    MediaFile &out = r.out;
+    if (!r.swr) {
+        if (framePts(f) != AV_NOPTS_VALUE)
+            out.audioStartSeconds = framePts(f) * av_q2d(timeBase);
         AVChannelLayout layout = f->ch_layout; // 5.1 takes the layouts non-const
-        swr_alloc_set_opts2(&d.swr, &layout, AV_SAMPLE_FMT_S16, f->sample_rate, &layout,
+        swr_alloc_set_opts2(&r.swr, &layout, AV_SAMPLE_FMT_S16, f->sample_rate, &layout,
                             static_cast<AVSampleFormat>(f->format), f->sample_rate, 0, nullptr);
-        swr_init(d.swr);
+        swr_init(r.swr);
         out.audioChannels = f->ch_layout.nb_channels;
         out.audioSampleRate = f->sample_rate;
     }
     const size_t at = out.samples.size();
-    out.samples.resize(at + static_cast<size_t>(f->nb_samples) * out.audioChannels);
+    out.samples.resize(at + size_t(f->nb_samples) * out.audioChannels);
     uint8_t *dst[1] = {reinterpret_cast<uint8_t *>(out.samples.data() + at)};
-    const int got = swr_convert(d.swr, dst, f->nb_samples, const_cast<const uint8_t **>(f->data),
+    const int got = swr_convert(r.swr, dst, f->nb_samples, const_cast<const uint8_t **>(f->data),
                                 f->nb_samples);
-    out.samples.resize(at + static_cast<size_t>(std::max(got, 0)) * out.audioChannels);
+    out.samples.resize(at + size_t(std::max(got, 0)) * out.audioChannels);
 }
 
-void receiveAll(Decoders &d, AVCodecContext *c, MediaFile &out)
+// Gives `pkt` (null: the end) to the decoder `c`, if any, and takes what comes out.
+void decode(Reader &r, AVCodecContext *c, const AVPacket *pkt)
 {
-    while (avcodec_receive_frame(c, d.frame) >= 0) {
-        if (c->codec_type == AVMEDIA_TYPE_VIDEO)
-            takePicture(d, d.frame, out);
-        else
-            takeSamples(d, d.frame, c->pkt_timebase, out);
-        av_frame_unref(d.frame);
+    if (!c || avcodec_send_packet(c, pkt) < 0)
+        return;
+    for (const AVFrame *f = r.frame; avcodec_receive_frame(c, r.frame) >= 0; av_frame_unref(r.frame)) {
+        if (c->codec_type == AVMEDIA_TYPE_AUDIO) {
+            takeSamples(r, f, c->pkt_timebase);
+            continue;
+        }
+        // The writer's pictures are planar YUV: plane 0 is the luma.
+        const cv::Mat luma(f->height, f->width, CV_8UC1, f->data[0], size_t(f->linesize[0]));
+        r.out.frameBrightness.push_back(cv::mean(luma)[0]);
+        r.out.framePts.push_back(framePts(f));
+        if (r.keepPictures)
+            r.out.frames.push_back(toBgr(&r.sws, f));
     }
 }
 
-bool openDecoder(Decoders &d, const AVStream *st, std::string *error)
+const MediaStream *firstOf(const std::vector<MediaStream> &streams, AVMediaType type)
 {
-    const AVCodec *codec = avcodec_find_decoder(st->codecpar->codec_id);
-    if (!codec) {
-        if (error)
-            *error = "no decoder for stream " + std::to_string(st->index);
-        return false;
-    }
-    AVCodecContext *c = avcodec_alloc_context3(codec);
-    d.codecs[st->index] = c;
-    if (!c || avcodec_parameters_to_context(c, st->codecpar) < 0) {
-        if (error)
-            *error = "cannot set up the decoder";
-        return false;
-    }
-    c->pkt_timebase = st->time_base;
-    const int ret = avcodec_open2(c, codec, nullptr);
-    if (ret < 0) {
-        if (error)
-            *error = "cannot open the decoder: " + avError(ret);
-        return false;
-    }
-    return true;
+    const auto s = std::find_if(streams.begin(), streams.end(),
+                                [&](const MediaStream &s) { return s.type == type; });
+    return s == streams.end() ? nullptr : &*s;
 }
 
 } // namespace
@@ -139,32 +128,19 @@ double MediaStream::durationSeconds() const
 {
     if (packetPts.empty())
         return 0;
-    int64_t first = packetPts.front(), last = packetPts.front();
-    size_t lastIndex = 0;
-    for (size_t i = 0; i < packetPts.size(); ++i) {
-        first = std::min(first, packetPts[i]);
-        if (packetPts[i] >= last) {
-            last = packetPts[i];
-            lastIndex = i;
-        }
-    }
-    return (last + packetDuration[lastIndex] - std::max<int64_t>(first, 0)) * av_q2d(timeBase);
+    const auto last = std::max_element(packetPts.begin(), packetPts.end());
+    const int64_t first = std::max<int64_t>(*std::min_element(packetPts.begin(), packetPts.end()), 0);
+    return (*last + packetDuration[size_t(last - packetPts.begin())] - first) * av_q2d(timeBase);
 }
 
 const MediaStream *MediaFile::video() const
 {
-    for (const MediaStream &s : streams)
-        if (s.type == AVMEDIA_TYPE_VIDEO)
-            return &s;
-    return nullptr;
+    return firstOf(streams, AVMEDIA_TYPE_VIDEO);
 }
 
 const MediaStream *MediaFile::audio() const
 {
-    for (const MediaStream &s : streams)
-        if (s.type == AVMEDIA_TYPE_AUDIO)
-            return &s;
-    return nullptr;
+    return firstOf(streams, AVMEDIA_TYPE_AUDIO);
 }
 
 double MediaFile::videoSeconds() const
@@ -179,110 +155,63 @@ double MediaFile::videoSeconds() const
 
 double MediaFile::audioSeconds() const
 {
-    if (!audioChannels || !audioSampleRate)
-        return 0;
-    return double(samples.size()) / audioChannels / audioSampleRate;
+    return audioChannels && audioSampleRate ? double(samples.size()) / audioChannels / audioSampleRate : 0;
 }
 
 bool readMediaFile(const std::string &path, MediaFile &out, std::string *error, bool decodePictures,
                    bool keepPictures)
 {
     out = MediaFile();
-    Decoders d;
-    d.keepPictures = keepPictures;
-    int ret = avformat_open_input(&d.fmt, path.c_str(), nullptr, nullptr);
-    if (ret < 0) {
-        if (error)
-            *error = "cannot open " + path + ": " + avError(ret);
-        return false;
+    Reader r{out, keepPictures};
+    int ret = avformat_open_input(&r.fmt, path.c_str(), nullptr, nullptr);
+    if (ret < 0 || (ret = avformat_find_stream_info(r.fmt, nullptr)) < 0)
+        return fail(error, "cannot open " + path, ret);
+    out.formatName = r.fmt->iformat->name;
+    r.codecs.assign(r.fmt->nb_streams, nullptr);
+    for (unsigned i = 0; i < r.fmt->nb_streams; ++i) {
+        const AVStream *st = r.fmt->streams[i];
+        const AVCodecParameters *p = st->codecpar;
+        const double start =
+            st->start_time == AV_NOPTS_VALUE ? NAN : st->start_time * av_q2d(st->time_base);
+        out.streams.push_back(
+            {p->codec_type, p->codec_id, st->time_base, p->width, p->height, start, {}, {}, {}});
+        const bool wanted = p->codec_type == AVMEDIA_TYPE_AUDIO
+            || (p->codec_type == AVMEDIA_TYPE_VIDEO && decodePictures);
+        if (wanted && (ret = openDecoder(r, st)) < 0)
+            return fail(error, "cannot decode stream " + std::to_string(i) + " of " + path, ret);
     }
-    ret = avformat_find_stream_info(d.fmt, nullptr);
-    if (ret < 0) {
-        if (error)
-            *error = "cannot read the streams of " + path + ": " + avError(ret);
-        return false;
+    while ((ret = av_read_frame(r.fmt, r.pkt)) >= 0) {
+        MediaStream &s = out.streams[r.pkt->stream_index];
+        s.packetPts.push_back(r.pkt->pts);
+        s.packetDts.push_back(r.pkt->dts);
+        s.packetDuration.push_back(r.pkt->duration);
+        decode(r, r.codecs[r.pkt->stream_index], r.pkt);
+        av_packet_unref(r.pkt);
     }
-    out.formatName = d.fmt->iformat->name;
-    d.codecs.assign(d.fmt->nb_streams, nullptr);
-    d.frame = av_frame_alloc();
-    d.pkt = av_packet_alloc();
-    for (unsigned i = 0; i < d.fmt->nb_streams; ++i) {
-        const AVStream *st = d.fmt->streams[i];
-        MediaStream s;
-        s.index = static_cast<int>(i);
-        s.type = st->codecpar->codec_type;
-        s.codecId = st->codecpar->codec_id;
-        s.timeBase = st->time_base;
-        s.width = st->codecpar->width;
-        s.height = st->codecpar->height;
-        s.sampleRate = st->codecpar->sample_rate;
-        s.channels = st->codecpar->ch_layout.nb_channels;
-        s.frameSize = st->codecpar->frame_size;
-        out.streams.push_back(s);
-        const bool decode = s.type == AVMEDIA_TYPE_AUDIO
-            || (s.type == AVMEDIA_TYPE_VIDEO && decodePictures);
-        if (decode && !openDecoder(d, st, error))
-            return false;
-    }
-    while ((ret = av_read_frame(d.fmt, d.pkt)) >= 0) {
-        MediaStream &s = out.streams[d.pkt->stream_index];
-        s.packetPts.push_back(d.pkt->pts);
-        s.packetDts.push_back(d.pkt->dts);
-        s.packetDuration.push_back(d.pkt->duration);
-        out.packetStreamOrder.push_back(d.pkt->stream_index);
-        AVCodecContext *c = d.codecs[d.pkt->stream_index];
-        if (c && avcodec_send_packet(c, d.pkt) >= 0)
-            receiveAll(d, c, out);
-        av_packet_unref(d.pkt);
-    }
-    if (ret != AVERROR_EOF) {
-        if (error)
-            *error = "read error in " + path + ": " + avError(ret);
-        return false;
-    }
-    for (AVCodecContext *c : d.codecs) {
-        if (c && avcodec_send_packet(c, nullptr) >= 0)
-            receiveAll(d, c, out);
-    }
-    return true;
-}
-
-// Goertzel power of frequency f over n frames of one channel, starting at frame `start`.
-static double tonePower(const std::vector<int16_t> &interleaved, int channels, int channel,
-                        int sampleRate, size_t start, size_t n, double f)
-{
-    const double coeff = 2 * std::cos(2 * M_PI * f / sampleRate);
-    double s1 = 0, s2 = 0;
-    for (size_t i = 0; i < n; ++i) {
-        const double s0 = interleaved[(start + i) * channels + channel] + coeff * s1 - s2;
-        s2 = s1;
-        s1 = s0;
-    }
-    return s1 * s1 + s2 * s2 - coeff * s1 * s2;
+    for (AVCodecContext *c : r.codecs)
+        decode(r, c, nullptr);
+    return ret == AVERROR_EOF || fail(error, "read error in " + path, ret);
 }
 
 double dominantFrequency(const std::vector<int16_t> &interleaved, int channels, int channel,
                          int sampleRate)
 {
-    // Half a second from the middle (the encoder's start and end are ramps); a 10 Hz scan
-    // from 20 Hz to 8 kHz, then 1 Hz steps around the best.
+    // Half a second from the middle (the encoder's start and end are ramps), padded to a
+    // second so that the spectrum's bins are 1 Hz apart; the strongest from 20 Hz to 8 kHz.
     const size_t frames = interleaved.size() / std::max(channels, 1);
-    const size_t n = std::min<size_t>(frames, static_cast<size_t>(sampleRate / 2));
-    const size_t start = (frames - n) / 2;
-    const double top = std::min(8000.0, sampleRate / 2.0 - 1);
-    auto best = [&](double from, double to, double step) {
-        double bestPower = -1, bestF = from;
-        for (double f = from; f <= to; f += step) {
-            const double p = tonePower(interleaved, channels, channel, sampleRate, start, n, f);
-            if (p > bestPower) {
-                bestPower = p;
-                bestF = f;
-            }
-        }
-        return bestF;
-    };
-    const double coarse = best(20, top, 10);
-    return best(std::max(20.0, coarse - 10), std::min(top, coarse + 10), 1);
+    const size_t n = std::min<size_t>(frames, size_t(std::max(sampleRate, 0) / 2));
+    if (sampleRate < 40 || n == 0)
+        return 0;
+    cv::Mat signal = cv::Mat::zeros(1, sampleRate, CV_64F), spectrum, parts[2], magnitude;
+    for (size_t i = 0; i < n; ++i)
+        signal.at<double>(int(i)) = interleaved[((frames - n) / 2 + i) * channels + channel];
+    cv::dft(signal, spectrum, cv::DFT_COMPLEX_OUTPUT);
+    cv::split(spectrum, parts);
+    cv::magnitude(parts[0], parts[1], magnitude);
+    cv::Point peak;
+    cv::minMaxLoc(magnitude.colRange(20, std::min(8000, sampleRate / 2) + 1), nullptr, nullptr,
+                  nullptr, &peak);
+    return 20 + peak.x;
 }
 
 cv::Mat solidImage(int width, int height, const cv::Scalar &bgr)
@@ -292,12 +221,11 @@ cv::Mat solidImage(int width, int height, const cv::Scalar &bgr)
 
 cv::Mat gradientImage(int width, int height)
 {
-    cv::Mat img(height, width, CV_8UC3);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x)
-            img.at<cv::Vec3b>(y, x) = cv::Vec3b(static_cast<uchar>(x * 255 / std::max(1, width - 1)),
-                                                static_cast<uchar>(y * 255 / std::max(1, height - 1)),
-                                                128);
+    cv::Mat img(height, width, CV_8UC3, cv::Scalar(0, 0, 128));
+    img.forEach<cv::Vec3b>([&](cv::Vec3b &pixel, const int *at) {
+        pixel[0] = static_cast<uchar>(at[1] * 255 / std::max(1, width - 1));
+        pixel[1] = static_cast<uchar>(at[0] * 255 / std::max(1, height - 1));
+    });
     return img;
 }
 
@@ -306,16 +234,14 @@ cv::Mat paddedCopy(const cv::Mat &img, int extraPixelsPerRow)
     // A view of a wider picture: rows are (cols + extra) x 3 bytes apart, and the view
     // keeps the wider buffer alive.
     cv::Mat wide(img.rows, img.cols + extraPixelsPerRow, CV_8UC3, cv::Scalar(77, 77, 77));
-    cv::Mat view = wide(cv::Rect(0, 0, img.cols, img.rows));
-    img.copyTo(view);
-    return view;
+    img.copyTo(wide.colRange(0, img.cols));
+    return wide.colRange(0, img.cols);
 }
 
 cv::Mat textureImage(int width, int height, int seed)
 {
-    cv::RNG rng(seed);
     cv::Mat img(height, width, CV_8UC3);
-    rng.fill(img, cv::RNG::UNIFORM, 0, 256);
+    cv::RNG(seed).fill(img, cv::RNG::UNIFORM, 0, 256);
     cv::GaussianBlur(img, img, cv::Size(3, 3), 0);
     return img;
 }
@@ -323,23 +249,20 @@ cv::Mat textureImage(int width, int height, int seed)
 cv::Mat throughYuv420(const cv::Mat &bgr)
 {
     AVFrame *yuv = av_frame_alloc();
-    if (!yuv)
-        return {};
-    yuv->format = AV_PIX_FMT_YUV420P;
-    yuv->width = bgr.cols;
-    yuv->height = bgr.rows;
     SwsContext *to = sws_getContext(bgr.cols, bgr.rows, AV_PIX_FMT_BGR24, bgr.cols, bgr.rows,
                                     AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR, nullptr, nullptr,
                                     nullptr);
+    SwsContext *back = nullptr;
     cv::Mat out;
-    if (to && bgr.type() == CV_8UC3 && av_frame_get_buffer(yuv, 0) >= 0) {
-        const uint8_t *src[1] = {bgr.data};
-        const int srcStride[1] = {static_cast<int>(bgr.step[0])};
-        sws_scale(to, src, srcStride, 0, bgr.rows, yuv->data, yuv->linesize);
-        SwsContext *back = nullptr;
+    yuv->format = AV_PIX_FMT_YUV420P;
+    yuv->width = bgr.cols;
+    yuv->height = bgr.rows;
+    const uint8_t *src[1] = {bgr.data};
+    const int srcStride[1] = {static_cast<int>(bgr.step[0])};
+    if (to && bgr.type() == CV_8UC3 && av_frame_get_buffer(yuv, 0) >= 0
+        && sws_scale(to, src, srcStride, 0, bgr.rows, yuv->data, yuv->linesize) > 0)
         out = toBgr(&back, yuv);
-        sws_freeContext(back);
-    }
+    sws_freeContext(back);
     sws_freeContext(to);
     av_frame_free(&yuv);
     return out;
@@ -349,8 +272,5 @@ double meanAbsDiff(const cv::Mat &a, const cv::Mat &b)
 {
     if (a.size() != b.size() || a.type() != b.type())
         return 1e9;
-    cv::Mat diff;
-    cv::absdiff(a, b, diff);
-    const cv::Scalar m = cv::mean(diff);
-    return (m[0] + m[1] + m[2]) / 3.0;
+    return cv::norm(a, b, cv::NORM_L1) / (double(a.total()) * a.channels());
 }

@@ -1,6 +1,6 @@
-#ifndef MEDIAREADER_H
-#define MEDIAREADER_H
+#pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,16 +14,15 @@ extern "C" {
 
 // What a written file holds, read back with libavformat/libavcodec.
 struct MediaStream {
-    int index = -1;
     AVMediaType type = AVMEDIA_TYPE_UNKNOWN;
     AVCodecID codecId = AV_CODEC_ID_NONE;
     AVRational timeBase{0, 1};
     int width = 0, height = 0;        // video
-    int sampleRate = 0, channels = 0; // audio
-    int frameSize = 0;                // audio: the codec's frame size if known
-    std::vector<int64_t> packetPts;   // every packet's pts in file order (stream time base)
-    std::vector<int64_t> packetDts;
-    std::vector<int64_t> packetDuration;
+    // Where a player starts the stream (the container's start time, with its edit list
+    // applied), seconds; NAN when the file does not say.
+    double startSeconds = NAN;
+    // Every packet's pts, dts and duration in file order (stream time base).
+    std::vector<int64_t> packetPts, packetDts, packetDuration;
     // From the first pts to the end of the last packet, in seconds. An encoder's priming
     // (AAC's first 1024 samples, before pts 0) is not played, so it is not counted.
     double durationSeconds() const;
@@ -32,7 +31,6 @@ struct MediaStream {
 struct MediaFile {
     std::string formatName;           // e.g. "mov,mp4,m4a,3gp,3g2,mj2"
     std::vector<MediaStream> streams;
-    std::vector<int> packetStreamOrder; // stream index of every packet in file order
     std::vector<cv::Mat> frames;      // decoded pictures, CV_8UC3 BGR, display order
     std::vector<int64_t> framePts;    // their pts in the video stream's time base
     std::vector<double> frameBrightness; // their mean luma, 0-255 (kept also without pictures)
@@ -70,8 +68,6 @@ cv::Mat textureImage(int width, int height, int seed);
 // back the reader's way, each with a scaler made for this picture alone.
 cv::Mat throughYuv420(const cv::Mat &bgr);
 
-// Mean absolute difference per channel value between two same-size BGR pictures
-// (optionally only inside `roi`).
+// Mean absolute difference per channel value between two same-size BGR pictures.
 double meanAbsDiff(const cv::Mat &a, const cv::Mat &b);
 
-#endif // MEDIAREADER_H

@@ -1,20 +1,20 @@
 #include "mp4boxes.h"
 
+#include <cstdint>
 #include <fstream>
 
-std::vector<std::string> topLevelBoxes(const std::string &path)
+std::string topLevelBoxes(const std::string &path)
 {
-    std::vector<std::string> types;
+    std::string types;
     std::ifstream in(path, std::ios::binary);
     in.seekg(0, std::ios::end);
     const uint64_t end = in.tellg();
-    uint64_t at = 0;
-    while (at + 8 <= end) {
+    for (uint64_t at = 0, size = 0; at + 8 <= end; at += size) {
         unsigned char h[16];
         in.seekg(at);
         in.read(reinterpret_cast<char *>(h), 8);
-        uint64_t size = (uint64_t(h[0]) << 24) | (h[1] << 16) | (h[2] << 8) | h[3];
-        types.emplace_back(reinterpret_cast<char *>(h + 4), 4);
+        size = (uint64_t(h[0]) << 24) | (h[1] << 16) | (h[2] << 8) | h[3];
+        types += (types.empty() ? "" : " ") + std::string(reinterpret_cast<char *>(h + 4), 4);
         if (size == 1) { // a 64-bit size follows the type
             in.read(reinterpret_cast<char *>(h + 8), 8);
             size = 0;
@@ -25,23 +25,13 @@ std::vector<std::string> topLevelBoxes(const std::string &path)
         }
         if (size < 8)
             break;
-        at += size;
     }
     return types;
 }
 
-int indexOf(const std::vector<std::string> &v, const std::string &s)
+bool isStandardLayout(const std::string &boxes)
 {
-    for (size_t i = 0; i < v.size(); ++i)
-        if (v[i] == s)
-            return int(i);
-    return -1;
-}
-
-std::string joined(const std::vector<std::string> &v)
-{
-    std::string s;
-    for (const std::string &t : v)
-        s += t + " ";
-    return s;
+    const size_t moov = boxes.find("moov");
+    return boxes.find("moof") == std::string::npos && moov != std::string::npos
+        && moov < boxes.find("mdat");
 }

@@ -1,15 +1,11 @@
-#ifndef MP4BOXES_H
-#define MP4BOXES_H
+#pragma once
 
 #include <string>
-#include <vector>
 
-// The types of the top-level boxes of an MP4/MOV file ("ftyp", "moov", "mdat", "moof"...),
-// in file order, read from the box headers (size + four-character type).
-std::vector<std::string> topLevelBoxes(const std::string &path);
-// The position of `s` in `v`, or -1.
-int indexOf(const std::vector<std::string> &v, const std::string &s);
-// The types separated by spaces, for messages.
-std::string joined(const std::vector<std::string> &v);
-
-#endif // MP4BOXES_H
+// The types of the top-level boxes of an MP4/MOV file in file order, separated by spaces
+// ("ftyp moov mdat"; fragmented: "ftyp moov moof mdat moof mdat ..."), read from the box
+// headers (size + four-character type).
+std::string topLevelBoxes(const std::string &path);
+// Whether such a list is a standard MP4's: the index (moov) before the media (mdat, if
+// any), and no fragments (moof).
+bool isStandardLayout(const std::string &boxes);
