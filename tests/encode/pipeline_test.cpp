@@ -176,16 +176,14 @@ TEST_F(PipelineTest, TheFeederTakesTheNewestFrameOfAFastCameraOncePerPeriod)
     configure("fast.mp4", true, false);
     VideoDataThread feeder;
     record([&] {
-        cv::Mat first = numbered(0);
-        feeder.setData(first);
         feeder.start(&e);
         ASSERT_TRUE(testutil::pollUntil([&] { return feeder.isReady(); }, 5s));
         // A second of a 100 fps camera into a 20 fps recording.
         const auto t0 = Clock::now();
-        for (long i = 1; Clock::now() - t0 < 1s; ++i) {
-            std::this_thread::sleep_for(10ms);
+        for (long i = 0; Clock::now() - t0 < 1s; ++i) {
             cv::Mat frame = numbered(i);
             feeder.setData(frame);
+            std::this_thread::sleep_for(10ms);
         }
         feeder.stop();
         ASSERT_TRUE(testutil::pollUntil([&] { return !feeder.isReady(); }, 2s));
@@ -193,12 +191,15 @@ TEST_F(PipelineTest, TheFeederTakesTheNewestFrameOfAFastCameraOncePerPeriod)
     const std::vector<long> n = frameNumbers(read());
     // About 21: one frame per period, not one per camera frame.
     EXPECT_LT(n.size(), 40u);
-    // Each period has a newer frame, and the ones between are not used.
-    int skips = 0;
+    // Each period has a newer frame, and the ones between are not used. (A camera late on
+    // a busy machine may leave a period without one.)
+    int repeats = 0, skips = 0;
     for (size_t i = 1; i < n.size(); ++i) {
-        ASSERT_GT(n[i], n[i - 1]) << "frame " << i << " is not newer than the one before";
+        ASSERT_GE(n[i], n[i - 1]) << "frames out of order";
+        repeats += n[i] == n[i - 1];
         skips += n[i] > n[i - 1] + 1;
     }
+    EXPECT_LE(repeats, int(n.size()) / 10);
     EXPECT_GT(skips, int(n.size()) / 2);
 }
 
