@@ -1,12 +1,10 @@
 #include "lipsync.h"
 
-#include <cmath>
+#include <algorithm>
 #include <cstdlib>
 #include <thread>
 
 #include "mediareader.h"
-
-namespace {
 
 // A frame brighter than this is a flash (black frames decode near 16, white near 235).
 constexpr double kFlashBrightness = 128;
@@ -15,22 +13,13 @@ constexpr double kFlashBrightness = 128;
 constexpr int kBeepLevel = 3000;
 constexpr double kSilenceBeforeBeep = 0.2; // seconds
 
-} // namespace
-
 FlashCamera::FlashCamera(int width, int height, int fps, Clock::time_point epoch,
                          std::chrono::milliseconds period)
-    : m_black(height, width, CV_8UC3, cv::Scalar(0, 0, 0))
-    , m_white(height, width, CV_8UC3, cv::Scalar(255, 255, 255))
+    : m_size(width, height)
     , m_framePeriod(std::chrono::nanoseconds(1000000000LL / fps))
-    , m_epoch(epoch)
     , m_flashPeriod(period)
+    , m_epoch(epoch)
 {
-}
-
-void FlashCamera::stallOnce(std::chrono::milliseconds after, std::chrono::milliseconds length)
-{
-    m_stallAfter = after;
-    m_stallLength = length;
 }
 
 bool FlashCamera::getFrame(cv::Mat &frame)
@@ -40,7 +29,7 @@ bool FlashCamera::getFrame(cv::Mat &frame)
     std::this_thread::sleep_until(m_start + m_framePeriod * m_next);
     if (m_stallAfter.count() >= 0 && Clock::now() - m_start >= m_stallAfter) {
         std::this_thread::sleep_for(m_stallLength);
-        m_stallAfter = std::chrono::milliseconds(-1);
+        m_stallAfter = Clock::duration(-1);
         m_start = Clock::now() - m_framePeriod * m_next; // the camera goes on at its rate
     }
     ++m_next;
@@ -50,40 +39,31 @@ bool FlashCamera::getFrame(cv::Mat &frame)
         m_lastFlash = flash;
         m_whiteLeft = 2; // two frames: the feeder takes one of them whatever its phase
     }
-    frame = m_whiteLeft-- > 0 ? m_white : m_black;
+    frame = cv::Mat(m_size, CV_8UC3, cv::Scalar::all(m_whiteLeft-- > 0 ? 255 : 0));
     return true;
 }
 
 std::vector<double> flashTimes(const MediaFile &f)
 {
     std::vector<double> times;
-    const MediaStream *v = f.video();
-    if (!v)
-        return times;
-    for (size_t i = 0; i < f.frameBrightness.size(); ++i) {
-        const bool lit = f.frameBrightness[i] > kFlashBrightness;
-        const bool wasLit = i > 0 && f.frameBrightness[i - 1] > kFlashBrightness;
-        if (lit && !wasLit)
-            times.push_back(f.framePts[i] * av_q2d(v->timeBase));
-    }
+    const auto lit = [&](size_t i) { return f.frameBrightness[i] > kFlashBrightness; };
+    for (size_t i = 0; f.video() && i < f.frameBrightness.size(); ++i)
+        if (lit(i) && (i == 0 || !lit(i - 1)))
+            times.push_back(f.framePts[i] * av_q2d(f.video()->timeBase));
     return times;
 }
 
 std::vector<double> beepOnsets(const MediaFile &f)
 {
     std::vector<double> onsets;
-    if (!f.audioChannels || !f.audioSampleRate)
-        return onsets;
-    const size_t frames = f.samples.size() / f.audioChannels;
+    const size_t frames = f.audioChannels ? f.samples.size() / f.audioChannels : 0;
     const size_t quiet = size_t(kSilenceBeforeBeep * f.audioSampleRate);
-    size_t lastLoud = 0;
-    bool seenLoud = false;
-    for (size_t i = 0; i < frames; ++i) {
+    // The file's start counts as sound: a beep cut off by it is no onset.
+    for (size_t i = 0, lastLoud = 0; i < frames; ++i) {
         if (std::abs(f.samples[i * f.audioChannels]) < kBeepLevel)
             continue;
-        if (!seenLoud ? i >= quiet : i - lastLoud >= quiet)
+        if (i - lastLoud >= quiet)
             onsets.push_back(f.audioStartSeconds + double(i) / f.audioSampleRate);
-        seenLoud = true;
         lastLoud = i;
     }
     return onsets;
@@ -93,12 +73,11 @@ std::vector<double> pairOffsets(const std::vector<double> &flashes,
                                 const std::vector<double> &beeps, double maxApart)
 {
     std::vector<double> offsets;
-    size_t b = 0;
     for (double flash : flashes) {
-        while (b < beeps.size() && beeps[b] < flash - maxApart)
-            ++b;
-        if (b < beeps.size() && std::fabs(flash - beeps[b]) <= maxApart)
-            offsets.push_back(flash - beeps[b]);
+        // The first beep not too early: it pairs when it is not too late either.
+        const auto beep = std::lower_bound(beeps.begin(), beeps.end(), flash - maxApart);
+        if (beep != beeps.end() && *beep <= flash + maxApart)
+            offsets.push_back(flash - *beep);
     }
     return offsets;
 }

@@ -1,7 +1,6 @@
 #ifndef LIPSYNC_H
 #define LIPSYNC_H
 
-#include <atomic>
 #include <chrono>
 #include <vector>
 
@@ -21,22 +20,24 @@ public:
     using Clock = std::chrono::steady_clock;
     FlashCamera(int width, int height, int fps, Clock::time_point epoch,
                 std::chrono::milliseconds period);
-    // The getFrame that comes `after` into the recording blocks for `length`.
-    void stallOnce(std::chrono::milliseconds after, std::chrono::milliseconds length);
+    // The getFrame that comes `after` into the recording blocks for `length` (none when
+    // `after` is negative).
+    void stallOnce(Clock::duration after, Clock::duration length)
+    {
+        m_stallAfter = after;
+        m_stallLength = length;
+    }
     void beginUse() override {}
     bool getFrame(cv::Mat &frame) override;
     void endUse() override {}
 
 private:
-    cv::Mat m_black, m_white;
-    Clock::duration m_framePeriod;
-    Clock::time_point m_epoch;
-    Clock::duration m_flashPeriod;
-    Clock::time_point m_start;         // first getFrame
-    long m_next = 0;                   // frames delivered
-    long m_lastFlash = -1;             // flash instant shown last
+    cv::Size m_size;
+    Clock::duration m_framePeriod, m_flashPeriod;
+    Clock::time_point m_epoch, m_start; // flash instant 0; the first getFrame
+    long m_next = 0, m_lastFlash = -1;  // frames delivered; flash instant shown last
     int m_whiteLeft = 0;               // white frames still to give for it
-    std::chrono::milliseconds m_stallAfter{-1}, m_stallLength{0};
+    Clock::duration m_stallAfter{-1}, m_stallLength{0}; // no stall while negative
 };
 
 // When each flash shows in the file's picture: the time of every frame that turns white.
