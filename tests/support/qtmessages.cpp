@@ -1,7 +1,6 @@
 #include "qtmessages.h"
 
-#include <QtGlobal>
-#include <cstdio>
+#include <mutex>
 #include <vector>
 
 namespace {
@@ -12,7 +11,7 @@ struct Message {
     QString text;
 };
 
-std::mutex g_mutex;            // guards g_messages and g_previous
+std::mutex g_mutex;              // guards g_messages and g_previous
 std::vector<Message> g_messages; // messages since the collector was made
 QtMessageHandler g_previous = nullptr;
 
@@ -24,8 +23,7 @@ void collect(QtMsgType type, const QMessageLogContext &context, const QString &m
         g_messages.push_back({type, QString::fromUtf8(context.category), message});
         previous = g_previous;
     }
-    // Still shown, so a failing test's log tells the story.
-    if (previous)
+    if (previous) // a failing test's log still tells the story
         previous(type, context, message);
 }
 
@@ -45,21 +43,12 @@ QtMessageCollector::~QtMessageCollector()
     g_previous = nullptr;
 }
 
-QStringList QtMessageCollector::messages() const
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    QStringList texts;
-    for (const Message &m : g_messages)
-        texts.append(m.text);
-    return texts;
-}
-
 QStringList QtMessageCollector::messages(const QString &category, QtMsgType type) const
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     QStringList texts;
     for (const Message &m : g_messages) {
-        if (m.category == category && m.type == type)
+        if (category.isEmpty() || (m.category == category && m.type == type))
             texts.append(m.text);
     }
     return texts;
@@ -67,9 +56,5 @@ QStringList QtMessageCollector::messages(const QString &category, QtMsgType type
 
 int QtMessageCollector::count(const QString &text) const
 {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    int n = 0;
-    for (const Message &m : g_messages)
-        n += m.text.contains(text) ? 1 : 0;
-    return n;
+    return messages().filter(text).size();
 }

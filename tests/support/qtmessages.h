@@ -4,10 +4,9 @@
 #include <QString>
 #include <QStringList>
 #include <QtGlobal>
-#include <mutex>
 
-// Collects every Qt debug/warning message of the process while it lives (any thread),
-// so tests can assert on the lines a user would read. One at a time.
+// Collects every Qt message of the process while it lives (any thread), so tests can
+// assert on the lines a user would read. One at a time; the messages are still shown.
 class QtMessageCollector
 {
 public:
@@ -16,9 +15,8 @@ public:
     QtMessageCollector(const QtMessageCollector &) = delete;
     QtMessageCollector &operator=(const QtMessageCollector &) = delete;
 
-    QStringList messages() const;
-    // The messages of one logging category and type.
-    QStringList messages(const QString &category, QtMsgType type) const;
+    // The messages of one logging category and type; all of them without a category.
+    QStringList messages(const QString &category = QString(), QtMsgType type = QtDebugMsg) const;
     // Number of messages that contain `text`.
     int count(const QString &text) const;
 };

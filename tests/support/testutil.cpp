@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
+#include <memory>
 #include <malloc.h>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <unistd.h>
@@ -47,31 +47,27 @@ TempDir::~TempDir()
 static std::string captureDescriptor(FILE *stream, int fd, const std::function<void()> &body)
 {
     std::fflush(stream);
-    char name[] = "/tmp/kwrec-capture-XXXXXX";
-    const int file = mkstemp(name);
-    if (file < 0)
-        throw std::runtime_error("mkstemp failed");
+    std::unique_ptr<FILE, int (*)(FILE *)> file(std::tmpfile(), &std::fclose);
+    if (!file)
+        throw std::runtime_error("tmpfile failed");
     const int saved = dup(fd);
-    dup2(file, fd);
-    const auto restore = [&] {
-        std::fflush(stream);
-        dup2(saved, fd);
-        close(saved);
-        close(file);
-    };
-    try {
-        body();
-    } catch (...) {
-        restore();
-        unlink(name);
-        throw;
-    }
-    restore();
-    std::ifstream in(name, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    unlink(name);
-    return text.str();
+    dup2(fileno(file.get()), fd);
+    struct Restore { // also when body throws
+        FILE *stream;
+        int fd, saved;
+        ~Restore()
+        {
+            std::fflush(stream);
+            dup2(saved, fd);
+            close(saved);
+        }
+    } restore{stream, fd, saved};
+    body();
+    std::fflush(stream);
+    std::string text(size_t(lseek(fd, 0, SEEK_CUR)), '\0');
+    if (pread(fd, text.data(), text.size(), 0) != ssize_t(text.size()))
+        throw std::runtime_error("reading the captured output failed");
+    return text;
 }
 
 std::string captureStdout(const std::function<void()> &body)
