@@ -36,7 +36,7 @@ struct Capture {
     long stallAfterMs = -1;      // from this long after the epoch on, no frame comes (the
                                  // device stays open and reports no error)
     long overrunEveryMs = -1;    // an overrun (-EPIPE) every this long of a stream's capture...
-    long overrunLossMs = 200;    // ...after which a restarted stream delivers nothing for this long
+    long overrunLossMs = 200;    // ...after which nothing is delivered for this long
 };
 
 // Beeps instead of a steady tone on every card: the signal is silent except for
