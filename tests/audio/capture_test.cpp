@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <fstream>
 #include <future>
-#include <numeric>
 
 #include "audio/audiocapturethread.h"
 #include "encode/ffmpegencode.h"
@@ -16,8 +15,6 @@
 
 using namespace std::chrono_literals;
 using Setting = std::function<void(fakealsa::Capture &)>;
-
-namespace {
 
 // A busy device makes the capture restart the sound server: main() puts a killall in
 // front that logs its calls here.
@@ -46,12 +43,18 @@ protected:
         });
     }
 
+    // The camera's card, shaped by `shape`.
+    static void addCamera(const Setting &shape)
+    {
+        fakealsa::Capture c;
+        shape(c);
+        fakealsa::addCard("KW-08P USBCamera", {}, c);
+    }
+
     FFmpegEncode encoder; // not started: blocks just queue
     testutil::TempDir dir;
     std::chrono::steady_clock::duration stopTook{};
 };
-
-} // namespace
 
 TEST_F(CaptureTest, TheCameraCardIsFoundByNameThenByTheFallBackNamesInOrder)
 {
@@ -59,15 +62,14 @@ TEST_F(CaptureTest, TheCameraCardIsFoundByNameThenByTheFallBackNamesInOrder)
         std::vector<std::string> cards;
         int controlFails;                 // card whose control device does not open; -1: none
         std::vector<std::string> opened;  // devices opened
-        std::string name;                 // the name it settles on
     };
     const Row rows[] = {
-        {{"HDA Intel PCH", "USB audio kw-08p usbcamera front", "Loopback"}, -1, {"hw:1"}, "KW-08P USBCamera"},
-        {{"KW-08P USBCamera A", "Other", "kw-08p usbcamera B"}, -1, {"hw:2"}, "KW-08P USBCamera"},
-        {{"kw-08p usbcamera spare", "KW-08P USBCamera"}, 1, {"hw:0"}, "KW-08P USBCamera"},
-        {{"USB camera", "My KWVizDesk mic"}, -1, {"hw:1"}, "kwvizdesk"},
-        {{"Web CAMERA audio"}, -1, {"hw:0"}, "camera"},
-        {{}, -1, {}, "camera"},
+        {{"HDA Intel PCH", "USB audio kw-08p usbcamera front", "Loopback"}, -1, {"hw:1"}},
+        {{"KW-08P USBCamera A", "Other", "kw-08p usbcamera B"}, -1, {"hw:2"}}, // the last match
+        {{"kw-08p usbcamera spare", "KW-08P USBCamera"}, 1, {"hw:0"}},
+        {{"USB camera", "My KWVizDesk mic"}, -1, {"hw:1"}}, // kwvizdesk before camera
+        {{"Web CAMERA audio"}, -1, {"hw:0"}},
+        {{}, -1, {}},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.cards.empty() ? "no card" : row.cards.back());
@@ -79,7 +81,6 @@ TEST_F(CaptureTest, TheCameraCardIsFoundByNameThenByTheFallBackNamesInOrder)
         AudiocaptureThread cap(&encoder);
         testutil::captureStdout([&] { EXPECT_EQ(cap.open(), !row.opened.empty()); });
         EXPECT_EQ(fakealsa::pcmOpenAttempts(), row.opened);
-        EXPECT_EQ(cap.soundCardName().toStdString(), row.name);
     }
 }
 
@@ -88,47 +89,49 @@ TEST_F(CaptureTest, TheCamerasMixerGivesTheChannelsAndNumidTwoIsRaisedOnEveryCar
     const auto knob = [](unsigned numid, const char *name, unsigned count, long max) {
         return fakealsa::Element{numid, name, 2 /* integer */, count, 0, max, {}};
     };
-    fakealsa::Capture c;
-    c.channels = {1, 2, 3};
     fakealsa::addCard("KW-08P USBCamera", {knob(2, "Mic Capture Volume", 1, 16),
-                      knob(3, "Capture Channel Map", 2, 5), knob(4, "Mic Channel Layout", 3, 5)}, c);
+                      knob(3, "Capture Channel Map", 3, 5), knob(4, "Mic Channel Layout", 2, 5)});
     fakealsa::addCard("Other", {knob(2, "Master Playback Volume", 2, 31), knob(5, "Channel Mode", 1, 5)});
     AudiocaptureThread cap(&encoder);
     testutil::captureStdout([&] { ASSERT_TRUE(cap.open()); });
-    // The camera's last "Channel" element gives the count, and the device is asked for it.
-    EXPECT_EQ(cap.audioChannel(), 3);
+    // The camera's last "Channel" element gives the count, and the device is asked for it
+    // (taking the first's three, which the card refuses, would end in mono).
+    EXPECT_EQ(cap.audioChannel(), 2);
     EXPECT_EQ(fakealsa::elementValues(0, 2), std::vector<long>{16});
-    EXPECT_EQ(fakealsa::elementValues(0, 3), (std::vector<long>{0, 0}));
+    EXPECT_EQ(fakealsa::elementValues(0, 3), (std::vector<long>{0, 0, 0}));
     EXPECT_EQ(fakealsa::elementValues(1, 2), (std::vector<long>{31, 31}));
 }
 
+// A device is kept with what it grants, or closed; a thread stopped before recording
+// ends promptly and closes it unread.
 TEST_F(CaptureTest, TheDeviceIsKeptWithWhatItGrantsOrClosed)
 {
     struct Row {
         Setting card;
         int rate, channels; // granted; 0: refused
-        size_t opens;       // tried
     };
     const Row rows[] = {
-        {[](auto &c) { c.rates = {32000, 44100, 96000}; c.channels = {2}; }, 44100, 2, 1},
-        {[](auto &c) { c.channels = {4}; }, 0, 0, 1},         // neither channel count
-        {[](auto &c) { c.openError = -EACCES; }, 0, 0, 1},    // not busy: not retried
-        {[](auto &c) { c.busyOpens = 1; }, 48000, 1, 2},
+        {[](auto &c) { c.rates = {32000, 44100, 96000}; c.channels = {2}; }, 44100, 2},
+        {[](auto &c) { c.channels = {4}; }, 0, 0},         // neither channel count
+        {[](auto &c) { c.openError = -EACCES; }, 0, 0},    // not busy: not retried
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(&row - rows);
         fakealsa::reset();
-        fakealsa::Capture c;
-        row.card(c);
-        fakealsa::addCard("KW-08P USBCamera", {}, c);
+        addCamera(row.card);
         AudiocaptureThread cap(&encoder);
         testutil::captureStdout([&] { EXPECT_EQ(cap.open(), row.rate > 0); });
-        EXPECT_EQ(fakealsa::pcmOpenAttempts().size(), row.opens);
+        EXPECT_EQ(fakealsa::pcmOpenAttempts().size(), 1u);
         EXPECT_EQ(fakealsa::pcmOpenHandles(), row.rate > 0 ? 1 : 0);
-        if (row.rate > 0) {
-            EXPECT_EQ(cap.sampleRate(), row.rate);
-            EXPECT_EQ(cap.audioChannel(), row.channels);
-        }
+        if (row.rate == 0)
+            continue;
+        EXPECT_EQ(cap.sampleRate(), row.rate);
+        EXPECT_EQ(cap.audioChannel(), row.channels);
+        cap.startThread();
+        cap.stopThread();
+        EXPECT_TRUE(testutil::pollUntil([&] { return cap.isOver(); }, 2s));
+        EXPECT_EQ(fakealsa::framesDelivered(), 0);
+        EXPECT_EQ(fakealsa::pcmOpenHandles(), 0);
     }
 }
 
@@ -136,9 +139,7 @@ TEST_F(CaptureTest, TheDeviceIsKeptWithWhatItGrantsOrClosed)
 // own: the host's threads read the process's.
 TEST_F(CaptureTest, ABusyDeviceRestartsTheSoundServerBetweenRetriesUntilAStop)
 {
-    fakealsa::Capture c;
-    c.busyOpens = 1000;
-    fakealsa::addCard("KW-08P USBCamera", {}, c);
+    addCamera([](auto &c) { c.busyOpens = 1000; });
     qputenv("LD_LIBRARY_PATH", "/opt/camera/lib");
     AudiocaptureThread cap(&encoder);
     std::atomic<bool> stop{false};
@@ -164,11 +165,11 @@ TEST_F(CaptureTest, ABusyDeviceRestartsTheSoundServerBetweenRetriesUntilAStop)
 TEST_F(CaptureTest, BlocksHoldTheCardsSoundAndOverrunsLeaveSilenceOfTheirLength)
 {
     constexpr int kChannels = 2;
-    fakealsa::Capture c;
-    c.channels = {kChannels};
-    c.frequency = 500;
-    c.overrunEveryMs = 300;
-    fakealsa::addCard("KW-08P USBCamera", {}, c);
+    addCamera([](auto &c) {
+        c.channels = {kChannels};
+        c.frequency = 500;
+        c.overrunEveryMs = 300;
+    });
     FFmpegEncode enc;
     const std::string file = dir.file("capture.wav");
     enc.setVideo_path(QString::fromStdString(file));
@@ -178,36 +179,22 @@ TEST_F(CaptureTest, BlocksHoldTheCardsSoundAndOverrunsLeaveSilenceOfTheirLength)
     enc.setRun(true);
     ASSERT_TRUE(enc.waitForOpen());
     AudiocaptureThread cap(&enc);
-    const auto oneSecond = [] { return fakealsa::framesDelivered() >= 48000; };
-    capture(cap, [&] { ASSERT_TRUE(testutil::pollUntil(oneSecond, 10s)); }, enc.audioFrameSize());
+    // Stopped halfway between the first overrun (after 0.3 s of sound) and the second, not
+    // in a gap, whose silence is handed on only when sound comes again.
+    const auto enough = [] { return fakealsa::framesDelivered() >= 48000 * 45 / 100; };
+    capture(cap, [&] { ASSERT_TRUE(testutil::pollUntil(enough, 10s)); }, enc.audioFrameSize());
     enc.finish();
     MediaFile f;
     std::string err;
     ASSERT_TRUE(readMediaFile(file, f, &err)) << err;
-    ASSERT_EQ(f.audioChannels, kChannels);
-    // The sound up to the first silence is the card's, sample for sample.
-    const size_t frames = f.samples.size() / kChannels;
-    const auto at = [&](size_t frame) { return f.samples[frame * kChannels]; };
-    size_t i = 0;
-    long mismatches = 0;
-    for (; i + 1 < frames && (at(i) != 0 || at(i + 1) != 0); ++i) // a 500 Hz sine has no two zeros
-        for (int ch = 0; ch < kChannels; ++ch)
-            mismatches += f.samples[i * kChannels + ch] != fakealsa::sampleAt(long(i), ch, 48000, 500);
-    EXPECT_EQ(mismatches, 0);
-    // Every overrun left one stretch of silence (over 50 ms: no sine has that), together
-    // as long as the sound lost.
-    std::vector<double> silences;
-    for (size_t run = 0; i < frames; ++i) {
-        run = at(i) == 0 ? run + 1 : 0;
-        if (run == 48000 / 20)
-            silences.push_back(0);
-        if (run >= 48000 / 20)
-            silences.back() = double(run) / 48000;
-    }
+    // The sound before the first overrun (at 0.3 s) is the card's, sample for sample.
+    for (int i = 0; i < kChannels * 12000; ++i)
+        ASSERT_EQ(f.samples.at(i), fakealsa::sampleAt(i / kChannels, i % kChannels, 48000, 500)) << i;
+    // The sound lost to the overruns is back as silence: the file is as long as what the
+    // card delivered and lost, but for the blocks cut off at the stop.
     ASSERT_GT(fakealsa::overruns(), 0);
-    ASSERT_EQ(int(silences.size()), fakealsa::overruns());
-    EXPECT_NEAR(std::accumulate(silences.begin(), silences.end(), 0.0),
-                double(fakealsa::framesLost()) / 48000, 0.005 * silences.size());
+    EXPECT_NEAR(double(f.samples.size() / kChannels), fakealsa::framesDelivered() + fakealsa::framesLost(),
+                3 * enc.audioFrameSize());
 }
 
 TEST_F(CaptureTest, PausedBlocksAreDroppedAndResumingHandsOnTheNextRead)
@@ -242,9 +229,7 @@ TEST_F(CaptureTest, AGoneMicrophoneIsReopenedAndCaptureEndsWhenItStaysGone)
     for (const Row &row : rows) {
         SCOPED_TRACE(&row - rows);
         fakealsa::reset();
-        fakealsa::Capture c;
-        row.card(c);
-        fakealsa::addCard("KW-08P USBCamera", {}, c);
+        addCamera(row.card);
         FFmpegEncode enc;
         AudiocaptureThread cap(&enc);
         capture(cap, [&] {
@@ -253,25 +238,11 @@ TEST_F(CaptureTest, AGoneMicrophoneIsReopenedAndCaptureEndsWhenItStaysGone)
             }, 10s));
             EXPECT_EQ(cap.isOver(), row.ends);
         });
-        EXPECT_TRUE(c.stallAfterMs < 0 || stopTook < 1s); // a stall never holds a stop
+        EXPECT_TRUE(stopTook < 1s); // a stall never holds a stop
         EXPECT_GE(enc.audioQueueCount(), row.minBlocks);
         EXPECT_LE(enc.audioQueueCount(), row.maxBlocks);
         EXPECT_EQ(fakealsa::pcmOpenHandles(), 0);
     }
-}
-
-TEST_F(CaptureTest, StoppingBeforeRecordingEndsTheThreadPromptly)
-{
-    fakealsa::addCard("KW-08P USBCamera");
-    AudiocaptureThread cap(&encoder);
-    testutil::captureStdout([&] {
-        ASSERT_TRUE(cap.open());
-        cap.startThread();
-        cap.stopThread();
-        EXPECT_TRUE(testutil::pollUntil([&] { return cap.isOver(); }, 2s));
-    });
-    EXPECT_EQ(fakealsa::framesDelivered(), 0);
-    EXPECT_EQ(fakealsa::pcmOpenHandles(), 0);
 }
 
 int main(int argc, char **argv)

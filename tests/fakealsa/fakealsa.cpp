@@ -34,14 +34,12 @@ struct Card {
     int plugs = 0;                  // times it came back: handles opened before are dead
 };
 
-// What reset() forgets.
+// What reset() forgets. The counters are those of the functions of the same names.
 struct State {
     std::vector<Card> cards;
     std::vector<std::string> openAttempts;
-    int opens = 0;
-    long framesDelivered = 0;
-    int overruns = 0;
-    long framesLost = 0;
+    int opens = 0, overruns = 0;
+    long framesDelivered = 0, framesLost = 0;
     std::optional<fakealsa::Beeps> beeps; // unset: steady tones
 };
 
@@ -62,11 +60,10 @@ bool present(Card &c)
 {
     if (!c.clockStarted || c.capture.unplugAfterMs < 0)
         return true;
-    const Clock::time_point now = Clock::now();
-    const Clock::time_point gone = c.epoch + milliseconds(c.capture.unplugAfterMs);
-    if (now < gone)
+    const Clock::duration sinceGone = Clock::now() - c.epoch - milliseconds(c.capture.unplugAfterMs);
+    if (sinceGone < Clock::duration::zero())
         return true;
-    if (c.capture.replugAfterMs < 0 || now < gone + milliseconds(c.capture.replugAfterMs))
+    if (c.capture.replugAfterMs < 0 || sinceGone < milliseconds(c.capture.replugAfterMs))
         return false;
     c.clockStarted = false;
     c.capture.unplugAfterMs = -1;
@@ -82,9 +79,7 @@ long framesBy(const Card &c, Clock::time_point t)
 {
     if (c.capture.stallAfterMs >= 0)
         t = std::min(t, c.epoch + milliseconds(c.capture.stallAfterMs));
-    if (t <= c.epoch)
-        return 0;
-    return static_cast<long>(Seconds(t - c.epoch).count() * cardRate(c));
+    return std::max(0L, static_cast<long>(Seconds(t - c.epoch).count() * cardRate(c)));
 }
 
 // The present card of device "hw:N", or null; the caller holds the model's mutex.
@@ -110,13 +105,11 @@ fakealsa::Element *findElement(int card, unsigned int numid)
 short cardSample(const Card &c, long frame, int channel)
 {
     const std::optional<fakealsa::Beeps> &beeps = theModel.beeps;
-    const int tone = c.capture.sameToneOnAllChannels ? 0 : channel;
     if (!beeps)
-        return fakealsa::sampleAt(frame, tone, c.rate, c.capture.frequency);
+        return fakealsa::sampleAt(frame, channel, c.rate, c.capture.frequency);
     // A beep is timed on the steady clock: when the frame was captured, not its number.
     const double t = Seconds(c.epoch - beeps->epoch).count() + frame / cardRate(c);
-    const double period = beeps->periodMs / 1000.0;
-    const double intoPeriod = t - std::floor(t / period) * period;
+    const double intoPeriod = std::fmod(t, beeps->periodMs / 1000.0);
     if (t < 0 || intoPeriod >= beeps->lengthMs / 1000.0)
         return 0;
     return static_cast<short>(std::lround(12000.0 * std::sin(2 * M_PI * beeps->frequency * intoPeriod)));
@@ -124,23 +117,17 @@ short cardSample(const Card &c, long frame, int channel)
 
 } // namespace
 
-// The opaque ALSA types, as this model needs them.
-struct _snd_ctl {
-    int card;
-    std::string name;
-};
+// The opaque ALSA types, as this model needs them. A control: the device name it was
+// opened by, and its card.
+struct _snd_ctl : std::string { int card = -1; };
 struct _snd_ctl_card_info : std::string {};
-// The numids listed.
-struct _snd_ctl_elem_list : std::vector<unsigned int> {
-    unsigned int space = 0;
-};
+// The numids listed: all the card's (none has more than the capture code's space for).
+struct _snd_ctl_elem_list : std::vector<unsigned int> {};
 // The element of the numid set, as last read.
 struct _snd_ctl_elem_info : fakealsa::Element {};
 struct _snd_ctl_elem_value : fakealsa::Element {};
-struct _snd_pcm_hw_params {
-    unsigned int rate = 0;     // Hz, 0: not set
-    unsigned int channels = 0; // 0: not set
-};
+// The rate (Hz) and channels asked for; 0: not set.
+struct _snd_pcm_hw_params { unsigned int rate = 0, channels = 0; };
 // A capture stream, with the parameters it was given.
 struct _snd_pcm : _snd_pcm_hw_params {
     int card = -1;
@@ -148,7 +135,7 @@ struct _snd_pcm : _snd_pcm_hw_params {
     enum State { Prepared, Running, Overrun } state = Prepared;
     long readPos = -1;              // card frame of the next frame to deliver; -1: never ran
     Clock::time_point nextOverrun;  // when the next planned overrun comes
-    bool lostFrames = false;        // the last stop was an overrun: frames are lost on restart
+    Clock::time_point lossUntil;    // a restart before this delivers nothing up to it
 };
 using Info = snd_ctl_elem_info_t;
 using Value = snd_ctl_elem_value_t;
@@ -200,28 +187,6 @@ short sampleAt(long frame, int channel, unsigned int rate, double frequency)
 
 namespace {
 
-// Starts the stream; the caller holds the model's mutex.
-void startStream(snd_pcm_t *pcm)
-{
-    Card &c = theModel.cards.at(pcm->card);
-    const Clock::time_point now = Clock::now();
-    if (!c.clockStarted) {
-        c.clockStarted = true;
-        c.epoch = now;
-        c.rate = pcm->rate;
-    }
-    // Nothing captured before the start is delivered; after an overrun the restart takes
-    // the planned loss before sound comes again.
-    const auto from = pcm->lostFrames ? now + milliseconds(c.capture.overrunLossMs) : now;
-    const long resumeAt = framesBy(c, from);
-    if (pcm->readPos >= 0)
-        theModel.framesLost += std::max(0L, resumeAt - pcm->readPos);
-    pcm->readPos = resumeAt;
-    pcm->lostFrames = false;
-    pcm->state = _snd_pcm::Running;
-    pcm->nextOverrun = from + milliseconds(c.capture.overrunEveryMs);
-}
-
 // Frames readable now, or a negative error (-ENODEV unplugged, -EPIPE overrun); the
 // caller holds the model's mutex.
 long availableNow(snd_pcm_t *pcm, Clock::time_point now)
@@ -229,13 +194,13 @@ long availableNow(snd_pcm_t *pcm, Clock::time_point now)
     Card &c = theModel.cards.at(pcm->card);
     if (!present(c) || c.plugs != pcm->plugs)
         return -ENODEV;
-    if (pcm->state != _snd_pcm::Running)
-        return pcm->state == _snd_pcm::Overrun ? -EPIPE : 0;
+    if (pcm->state != _snd_pcm::Running) // a read does not start the stream
+        return pcm->state == _snd_pcm::Overrun ? -EPIPE : -EBADFD;
     const long avail = framesBy(c, now) - pcm->readPos;
     const bool planned = c.capture.overrunEveryMs > 0 && now >= pcm->nextOverrun;
     if (planned || avail > pcm->rate * kBufferMs / 1000) {
         pcm->state = _snd_pcm::Overrun;
-        pcm->lostFrames = planned;
+        pcm->lossUntil = planned ? now + milliseconds(c.capture.overrunLossMs) : now;
         ++theModel.overruns;
         return -EPIPE;
     }
@@ -307,11 +272,9 @@ int snd_ctl_open(snd_ctl_t **ctl, const char *name, int /*mode*/)
 {
     Locked m;
     const Card *c = cardNamed(name);
-    if (!c)
+    if (!c || c->controlFails)
         return -ENOENT;
-    if (c->controlFails)
-        return -EACCES;
-    *ctl = new _snd_ctl{int(c - m->cards.data()), name};
+    *ctl = new _snd_ctl{{name}, int(c - m->cards.data())};
     return 0;
 }
 
@@ -321,7 +284,7 @@ int snd_ctl_close(snd_ctl_t *ctl)
     return 0;
 }
 
-const char *snd_ctl_name(snd_ctl_t *ctl) { return ctl->name.c_str(); }
+const char *snd_ctl_name(snd_ctl_t *ctl) { return ctl->c_str(); }
 
 int snd_ctl_card_info(snd_ctl_t *ctl, snd_ctl_card_info_t *info)
 {
@@ -331,22 +294,15 @@ int snd_ctl_card_info(snd_ctl_t *ctl, snd_ctl_card_info_t *info)
 
 const char *snd_ctl_card_info_get_name(const snd_ctl_card_info_t *info) { return info->c_str(); }
 
-int snd_ctl_elem_list_alloc_space(List *list, unsigned int entries)
-{
-    list->space = entries;
-    return 0;
-}
+int snd_ctl_elem_list_alloc_space(List *, unsigned int) { return 0; }
+void snd_ctl_elem_list_free_space(List *) {}
 
-void snd_ctl_elem_list_free_space(List *list) { list->space = 0; }
-
-// The first numids of the card's elements, as many as the list has space for.
 int snd_ctl_elem_list(snd_ctl_t *ctl, List *list)
 {
     Locked m;
-    const std::vector<fakealsa::Element> &all = m->cards.at(ctl->card).elements;
     list->clear();
-    for (size_t i = 0; i < all.size() && i < list->space; ++i)
-        list->push_back(all[i].numid);
+    for (const fakealsa::Element &e : m->cards.at(ctl->card).elements)
+        list->push_back(e.numid);
     return 0;
 }
 
@@ -362,14 +318,9 @@ const char *snd_ctl_elem_info_get_name(const Info *info) { return info->name.c_s
 long snd_ctl_elem_info_get_min(const Info *info) { return info->min; }
 long snd_ctl_elem_info_get_max(const Info *info) { return info->max; }
 
-// Every element of this card is a mixer element.
+// Names that are only printed.
 const char *snd_ctl_elem_iface_name(snd_ctl_elem_iface_t) { return "MIXER"; }
-
-const char *snd_ctl_elem_type_name(snd_ctl_elem_type_t type)
-{
-    static const char *const names[] = {"NONE", "BOOLEAN", "INTEGER", "ENUMERATED"};
-    return unsigned(type) < std::size(names) ? names[type] : "NONE";
-}
+const char *snd_ctl_elem_type_name(snd_ctl_elem_type_t) { return "TYPE"; }
 
 void snd_ctl_elem_value_set_numid(Value *value, unsigned int numid) { value->numid = numid; }
 int snd_ctl_elem_read(snd_ctl_t *ctl, Value *value) { return readElement(ctl, *value); }
@@ -380,19 +331,15 @@ int snd_ctl_elem_write(snd_ctl_t *ctl, Value *value)
     fakealsa::Element *e = findElement(ctl->card, value->numid);
     if (!e)
         return -ENOENT;
-    e->values = value->values;
-    e->values.resize(e->count, 0);
+    e->values = value->values; // as read: count values
     return 0;
 }
 
 long snd_ctl_elem_value_get_integer(const Value *v, unsigned int i) { return v->values.at(i); }
 int snd_ctl_elem_value_get_boolean(const Value *v, unsigned int i) { return v->values.at(i) != 0; }
 
-void snd_ctl_elem_value_set_integer(Value *value, unsigned int i, long val)
-{
-    value->values.resize(std::max<size_t>(value->values.size(), i + 1), 0);
-    value->values[i] = val;
-}
+// Of a value read first, as the capture code does.
+void snd_ctl_elem_value_set_integer(Value *v, unsigned int i, long val) { v->values.at(i) = val; }
 
 int snd_pcm_open(snd_pcm_t **pcm, const char *name, snd_pcm_stream_t stream, int /*mode*/)
 {
@@ -403,10 +350,8 @@ int snd_pcm_open(snd_pcm_t **pcm, const char *name, snd_pcm_stream_t stream, int
         return -ENOENT;
     if (c->capture.openError)
         return c->capture.openError;
-    if (c->capture.busyOpens > 0) {
-        --c->capture.busyOpens;
+    if (c->capture.busyOpens-- > 0) // counts down past 0, where it no longer matters
         return -EBUSY;
-    }
     *pcm = new _snd_pcm();
     (*pcm)->card = int(c - m->cards.data());
     (*pcm)->plugs = c->plugs;
@@ -422,25 +367,15 @@ int snd_pcm_close(snd_pcm_t *pcm)
     return 0;
 }
 
-int snd_pcm_hw_params_any(snd_pcm_t *, snd_pcm_hw_params_t *params)
-{
-    *params = _snd_pcm_hw_params();
-    return 0;
-}
+// Parameters fresh from malloc are already unset. Reads deliver interleaved S16 whatever
+// is asked: another access or format shows in the samples.
+int snd_pcm_hw_params_any(snd_pcm_t *, snd_pcm_hw_params_t *) { return 0; }
+int snd_pcm_hw_params_set_access(snd_pcm_t *, snd_pcm_hw_params_t *, snd_pcm_access_t) { return 0; }
+int snd_pcm_hw_params_set_format(snd_pcm_t *, snd_pcm_hw_params_t *, snd_pcm_format_t) { return 0; }
 
-int snd_pcm_hw_params_set_access(snd_pcm_t *, snd_pcm_hw_params_t *, snd_pcm_access_t access)
-{
-    return access == SND_PCM_ACCESS_RW_INTERLEAVED ? 0 : -EINVAL;
-}
-
-int snd_pcm_hw_params_set_format(snd_pcm_t *, snd_pcm_hw_params_t *, snd_pcm_format_t format)
-{
-    return format == SND_PCM_FORMAT_S16_LE ? 0 : -EINVAL;
-}
-
-// Grants the nearest of the card's rates.
+// Grants the nearest of the card's rates (and leaves `dir` alone).
 int snd_pcm_hw_params_set_rate_near(snd_pcm_t *pcm, snd_pcm_hw_params_t *params, unsigned int *val,
-                                    int *dir)
+                                    int *)
 {
     Locked m;
     const std::vector<unsigned int> &rates = m->cards.at(pcm->card).capture.rates;
@@ -448,8 +383,6 @@ int snd_pcm_hw_params_set_rate_near(snd_pcm_t *pcm, snd_pcm_hw_params_t *params,
         return std::labs(long(a) - long(*val)) < std::labs(long(b) - long(*val));
     };
     *val = params->rate = *std::min_element(rates.begin(), rates.end(), nearer);
-    if (dir)
-        *dir = 0;
     return 0;
 }
 
@@ -482,7 +415,21 @@ int snd_pcm_start(snd_pcm_t *pcm)
     Locked lock;
     if (pcm->state != _snd_pcm::Prepared)
         return -EBADFD;
-    startStream(pcm);
+    Card &c = theModel.cards.at(pcm->card);
+    const Clock::time_point now = Clock::now();
+    if (!c.clockStarted) {
+        c.clockStarted = true;
+        c.epoch = now;
+        c.rate = pcm->rate;
+    }
+    // Nothing captured before the start is delivered, nor what an overrun lost.
+    const Clock::time_point from = std::max(now, pcm->lossUntil);
+    const long resumeAt = framesBy(c, from);
+    if (pcm->readPos >= 0)
+        theModel.framesLost += std::max(0L, resumeAt - pcm->readPos);
+    pcm->readPos = resumeAt;
+    pcm->state = _snd_pcm::Running;
+    pcm->nextOverrun = from + milliseconds(c.capture.overrunEveryMs);
     return 0;
 }
 
@@ -507,8 +454,6 @@ int snd_pcm_wait(snd_pcm_t *pcm, int timeout)
 snd_pcm_sframes_t snd_pcm_readi(snd_pcm_t *pcm, void *buffer, snd_pcm_uframes_t size)
 {
     std::unique_lock<std::mutex> lock(theModel.mutex);
-    if (pcm->state == _snd_pcm::Prepared)
-        startStream(pcm); // as with ALSA's default start threshold
     const long frames = static_cast<long>(size);
     const long avail = waitFor(lock, pcm, frames, Clock::time_point::max());
     if (avail < 0)

@@ -28,7 +28,6 @@ struct Capture {
     std::vector<unsigned int> rates{48000};     // granted: the nearest of these (one at least)
     std::vector<unsigned int> channels{1, 2};   // accepted channel counts
     double frequency = 1000.0;   // channel c carries a sine of frequency x (c + 1) Hz
-    bool sameToneOnAllChannels = false; // every channel carries `frequency` (a microphone array)
     double ppm = 0;              // the card's clock runs this much fast (+) or slow (-)
     int busyOpens = 0;           // this many opens fail with -EBUSY first
     int openError = 0;           // every open fails with this (negative errno) if set
@@ -37,7 +36,7 @@ struct Capture {
     long stallAfterMs = -1;      // from this long after the epoch on, no frame comes (the
                                  // device stays open and reports no error)
     long overrunEveryMs = -1;    // an overrun (-EPIPE) every this long of a stream's capture...
-    long overrunLossMs = 200;    // ...after which a restarted stream delivers nothing for this long
+    long overrunLossMs = 200;    // ...after which nothing is delivered for this long
 };
 
 // Beeps instead of a steady tone on every card: the signal is silent except for
@@ -53,8 +52,7 @@ void setBeeps(const Beeps &beeps);
 // Forgets the cards and the counters below (not the open handles).
 void reset();
 // Adds a card (index = cards added before); returns its index.
-int addCard(const std::string &name, const std::vector<Element> &elements = {},
-            const Capture &capture = Capture());
+int addCard(const std::string &name, const std::vector<Element> &elements = {}, const Capture &capture = {});
 // The control device of this card fails to open.
 void setControlOpenFails(int card);
 
