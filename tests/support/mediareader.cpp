@@ -38,9 +38,8 @@ struct Reader {
 bool fail(std::string *error, const std::string &what, int code)
 {
     char text[AV_ERROR_MAX_STRING_SIZE] = {0};
-    av_strerror(code, text, sizeof text);
     if (error)
-        *error = what + ": " + text;
+        *error = what + ": " + av_make_error_string(text, sizeof text, code);
     return false;
 }
 
@@ -75,14 +74,14 @@ cv::Mat toBgr(SwsContext **sws, const AVFrame *f)
     return room(cv::Rect(0, 0, f->width, f->height)).clone();
 }
 
-void takeSamples(Reader &r, const AVFrame *f, AVRational timeBase)
+// Appends the samples of `f` as S16, through a resampler made for the first block.
+void takeSamples(Reader &r, AVFrame *f, AVRational timeBase)
 {
     MediaFile &out = r.out;
     if (!r.swr) {
         if (framePts(f) != AV_NOPTS_VALUE)
             out.audioStartSeconds = framePts(f) * av_q2d(timeBase);
-        AVChannelLayout layout = f->ch_layout; // 5.1 takes the layouts non-const
-        swr_alloc_set_opts2(&r.swr, &layout, AV_SAMPLE_FMT_S16, f->sample_rate, &layout,
+        swr_alloc_set_opts2(&r.swr, &f->ch_layout, AV_SAMPLE_FMT_S16, f->sample_rate, &f->ch_layout,
                             static_cast<AVSampleFormat>(f->format), f->sample_rate, 0, nullptr);
         swr_init(r.swr);
         out.audioChannels = f->ch_layout.nb_channels;
@@ -101,7 +100,7 @@ void decode(Reader &r, AVCodecContext *c, const AVPacket *pkt)
 {
     if (!c || avcodec_send_packet(c, pkt) < 0)
         return;
-    for (const AVFrame *f = r.frame; avcodec_receive_frame(c, r.frame) >= 0; av_frame_unref(r.frame)) {
+    for (AVFrame *f = r.frame; avcodec_receive_frame(c, f) >= 0; av_frame_unref(f)) {
         if (c->codec_type == AVMEDIA_TYPE_AUDIO) {
             takeSamples(r, f, c->pkt_timebase);
             continue;
@@ -166,7 +165,6 @@ bool readMediaFile(const std::string &path, MediaFile &out, std::string *error, 
     int ret = avformat_open_input(&r.fmt, path.c_str(), nullptr, nullptr);
     if (ret < 0 || (ret = avformat_find_stream_info(r.fmt, nullptr)) < 0)
         return fail(error, "cannot open " + path, ret);
-    out.formatName = r.fmt->iformat->name;
     r.codecs.assign(r.fmt->nb_streams, nullptr);
     for (unsigned i = 0; i < r.fmt->nb_streams; ++i) {
         const AVStream *st = r.fmt->streams[i];
@@ -174,7 +172,7 @@ bool readMediaFile(const std::string &path, MediaFile &out, std::string *error, 
         const double start =
             st->start_time == AV_NOPTS_VALUE ? NAN : st->start_time * av_q2d(st->time_base);
         out.streams.push_back(
-            {p->codec_type, p->codec_id, st->time_base, p->width, p->height, start, {}, {}, {}});
+            {p->codec_type, p->codec_id, st->time_base, p->width, p->height, start, {}, {}});
         const bool wanted = p->codec_type == AVMEDIA_TYPE_AUDIO
             || (p->codec_type == AVMEDIA_TYPE_VIDEO && decodePictures);
         if (wanted && (ret = openDecoder(r, st)) < 0)
@@ -183,7 +181,6 @@ bool readMediaFile(const std::string &path, MediaFile &out, std::string *error, 
     while ((ret = av_read_frame(r.fmt, r.pkt)) >= 0) {
         MediaStream &s = out.streams[r.pkt->stream_index];
         s.packetPts.push_back(r.pkt->pts);
-        s.packetDts.push_back(r.pkt->dts);
         s.packetDuration.push_back(r.pkt->duration);
         decode(r, r.codecs[r.pkt->stream_index], r.pkt);
         av_packet_unref(r.pkt);
@@ -217,16 +214,6 @@ double dominantFrequency(const std::vector<int16_t> &interleaved, int channels, 
 cv::Mat solidImage(int width, int height, const cv::Scalar &bgr)
 {
     return cv::Mat(height, width, CV_8UC3, bgr);
-}
-
-cv::Mat gradientImage(int width, int height)
-{
-    cv::Mat img(height, width, CV_8UC3, cv::Scalar(0, 0, 128));
-    img.forEach<cv::Vec3b>([&](cv::Vec3b &pixel, const int *at) {
-        pixel[0] = static_cast<uchar>(at[1] * 255 / std::max(1, width - 1));
-        pixel[1] = static_cast<uchar>(at[0] * 255 / std::max(1, height - 1));
-    });
-    return img;
 }
 
 cv::Mat paddedCopy(const cv::Mat &img, int extraPixelsPerRow)
