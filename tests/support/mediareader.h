@@ -36,8 +36,10 @@ struct MediaFile {
     std::vector<int16_t> samples;     // decoded audio, interleaved S16
     int audioChannels = 0, audioSampleRate = 0;
 
-    const MediaStream *video() const; // first stream of that type, or nullptr
-    const MediaStream *audio() const;
+    // The first stream of a type, or nullptr.
+    const MediaStream *first(AVMediaType type) const;
+    const MediaStream *video() const { return first(AVMEDIA_TYPE_VIDEO); }
+    const MediaStream *audio() const { return first(AVMEDIA_TYPE_AUDIO); }
     // Decoded pictures (or, without decoding, packets) x the stream's frame period.
     double videoSeconds() const;
     // Decoded samples per channel / rate.
