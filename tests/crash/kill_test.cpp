@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <future>
 #include <signal.h>
 #include <string>
 #include <sys/wait.h>
@@ -31,19 +32,16 @@ using Clock = std::chrono::steady_clock;
 // Kill moments per container, seconds after the recording answered that it started:
 // across the first fragments (a group of pictures, 0.4 s at 30 fps) and disk syncs (every
 // second), each at another place between them.
-const std::pair<std::string, std::vector<double>> kKills[] = {
-    {"mp4", {1.05, 1.75, 2.4, 3.3}},
-    {"mkv", {1.3, 2.05, 2.85, 3.6}},
-};
+const std::pair<std::string, std::vector<double>> kKills[] = {{"mp4", {1.05, 2.4, 3.3}},
+                                                             {"mkv", {1.75, 2.6, 2.85}}};
 // At most this much before the kill may be missing from the file, seconds.
 constexpr double kMostLost = 1.5;
 // The frame period of both recordings, seconds.
 constexpr double kFramePeriod = 1.0 / 30;
 
-// Starts recording `file` through the loaded plugin from `camera` and the simulated
-// microphone; false when it did not start.
-bool startRecording(LoadedRecorder &rec, SyntheticCamera &camera, int width, int height,
-                    const std::string &file)
+// Starts recording `file` at 640x480 through the loaded plugin from `camera` (of that
+// size) and the simulated microphone; false when it did not start.
+bool startRecording(LoadedRecorder &rec, SyntheticCamera &camera, const std::string &file)
 {
     simulatedmic::reset();
     simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
@@ -51,7 +49,7 @@ bool startRecording(LoadedRecorder &rec, SyntheticCamera &camera, int width, int
         return false;
     rec->setPluginComponent(&camera);
     rec->setFilename(QString::fromStdString(file));
-    rec->vSetRecSize(width, height);
+    rec->vSetRecSize(640, 480);
     rec->setFps(30);
     rec->startRecord();
     return rec->waitForRecordStart(20000);
@@ -65,45 +63,17 @@ int recordUntilKilled(int argc, char **argv)
     QCoreApplication app(argc, argv);
     SyntheticCamera camera(640, 480, 30);
     LoadedRecorder rec{QStringLiteral(RECORDER_PLUGIN_PATH)};
-    if (!startRecording(rec, camera, 640, 480, argv[2])) {
+    if (!startRecording(rec, camera, argv[2])) {
         std::fprintf(stderr, "the recording did not start %s\n", qPrintable(rec.error()));
         return 1;
     }
-    std::printf("recording %d\n", int(getpid()));
-    std::fflush(stdout);
+    dprintf(1, "recording %d\n", int(getpid())); // unbuffered, whatever stdout holds
     dup2(2, 1);
     for (;;)
         std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
-// Runs the child on `file`, reads its output up to the start line, sleeps until `at`
-// seconds after it (the sleep is what is tested, not a synchronisation) and kills it.
-// Returns when SIGKILL went, seconds after the start line; -1 after a failure.
-double recordAndKill(const std::string &file, double at)
-{
-    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
-    FILE *child = popen(("exec '" + self + "' --record '" + file + "'").c_str(), "r");
-    std::string out;
-    char line[512];
-    int pid = 0;
-    // A child that cannot start ends by itself (it waits 20 s at most for the recording).
-    while (child && pid == 0 && std::fgets(line, sizeof line, child)) {
-        out += line;
-        std::sscanf(line, "recording %d", &pid);
-    }
-    const auto startedAt = Clock::now();
-    if (pid > 0) {
-        std::this_thread::sleep_until(startedAt + std::chrono::duration<double>(at));
-        kill(pid, SIGKILL);
-    }
-    const double killedAt = std::chrono::duration<double>(Clock::now() - startedAt).count();
-    const int status = child ? pclose(child) : -1;
-    if (pid > 0 && WIFSIGNALED(status))
-        return killedAt;
-    ADD_FAILURE() << "the recorder did not start, or ended by itself; its output:\n" << out;
-    return -1;
-}
-
+// What a recording killed `killedAt` s in left in `file`.
 void expectPlayable(const std::string &file, double killedAt)
 {
     SCOPED_TRACE(file + " killed " + std::to_string(killedAt) + " s into the recording");
@@ -121,9 +91,33 @@ void expectPlayable(const std::string &file, double killedAt)
     ASSERT_TRUE(rewriteAsStandardMp4(file, &err)) << err;
     MediaFile standard;
     ASSERT_TRUE(readMediaFile(file, standard, &err, false)) << err;
-    EXPECT_TRUE(isStandardLayout(topLevelBoxes(file))) << topLevelBoxes(file);
     EXPECT_EQ(standard.video()->packetPts.size(), f.framePts.size());
     EXPECT_EQ(f.samples.size() - standard.samples.size(), 1024u * f.audioChannels);
+}
+
+// Runs the child on `file`, reads its output up to the start line, sleeps until `at`
+// seconds after it (the sleep is what is tested, not a synchronisation), kills it and
+// checks what it left.
+void recordKillAndCheck(const std::string &file, double at)
+{
+    const std::string self = "/proc/" + std::to_string(getpid()) + "/exe"; // this program
+    FILE *child = popen(("exec " + self + " --record '" + file + "'").c_str(), "r");
+    char line[512];
+    int pid = 0;
+    // A child that cannot start ends by itself (it waits 20 s at most for the recording).
+    while (child && pid == 0 && std::fgets(line, sizeof line, child))
+        std::sscanf(line, "recording %d", &pid);
+    const auto startedAt = Clock::now();
+    if (pid > 0) {
+        std::this_thread::sleep_until(startedAt + std::chrono::duration<double>(at));
+        kill(pid, SIGKILL);
+    }
+    const double killedAt = std::chrono::duration<double>(Clock::now() - startedAt).count();
+    const int status = child ? pclose(child) : -1;
+    const bool killed = pid > 0 && WIFSIGNALED(status);
+    EXPECT_TRUE(killed) << "the recorder did not start, or ended by itself";
+    if (killed)
+        expectPlayable(file, killedAt);
 }
 
 } // namespace
@@ -133,41 +127,29 @@ TEST(KillTest, ARecordingKilledAtAnyMomentPlaysUpToJustBeforeTheKill)
     testutil::TempDir dir;
     // One recorder per container at a time, the containers side by side; each file is
     // checked while the other container's recorder runs.
-    std::vector<std::thread> runners;
+    std::vector<std::future<void>> runners; // each waits for its task as it goes
     for (const auto &kills : kKills) {
-        runners.emplace_back([&dir, &kills] {
-            for (size_t i = 0; i < kills.second.size(); ++i) {
-                const std::string file = dir.file("kill" + std::to_string(i) + "." + kills.first);
-                const double killedAt = recordAndKill(file, kills.second[i]);
-                if (killedAt >= 0)
-                    expectPlayable(file, killedAt);
-            }
-        });
+        runners.push_back(std::async(std::launch::async, [&dir, &kills] {
+            for (size_t i = 0; i < kills.second.size(); ++i)
+                recordKillAndCheck(dir.file("kill" + std::to_string(i) + "." + kills.first), kills.second[i]);
+        }));
     }
-    for (std::thread &t : runners)
-        t.join();
 }
 
 TEST(CleanStopTest, IsRecordingTurnsFalseOnlyOnceTheStandardFileIsInPlace)
 {
     testutil::TempDir dir;
-    SyntheticCamera camera(320, 240, 30);
+    SyntheticCamera camera(640, 480, 30);
     LoadedRecorder rec{QStringLiteral(RECORDER_PLUGIN_PATH)};
     const std::string file = dir.file("clean.mp4");
-    testutil::captureStdout([&] {
-        ASSERT_TRUE(startRecording(rec, camera, 320, 240, file)) << qPrintable(rec.error());
-        std::this_thread::sleep_for(std::chrono::seconds(2)); // the recording's length
-        rec->stopRecord();
-        ASSERT_TRUE(testutil::pollUntil([&] { return !rec->isRecording(); }, std::chrono::seconds(60)));
-    });
-    // Looked at the moment the recorder says it is done, before the session has ended.
+    ASSERT_TRUE(startRecording(rec, camera, file)) << qPrintable(rec.error());
+    std::this_thread::sleep_for(std::chrono::seconds(1)); // the recording's length
+    rec->stopRecord();
+    ASSERT_TRUE(testutil::pollUntil([&] { return !rec->isRecording(); }, std::chrono::seconds(60)));
+    // Looked at the moment the recorder says it is done, before the session has ended. What
+    // the rewrite keeps is the writer's test's; what a recording holds, the session's.
     EXPECT_TRUE(isStandardLayout(topLevelBoxes(file))) << topLevelBoxes(file);
     EXPECT_FALSE(std::filesystem::exists(standardTempPath(file)));
-    MediaFile f;
-    std::string err;
-    ASSERT_TRUE(readMediaFile(file, f, &err, false)) << err;
-    EXPECT_GE(f.video()->packetPts.size(), 45u);
-    EXPECT_GE(f.audioSeconds(), 1.5);
 }
 
 int main(int argc, char **argv)

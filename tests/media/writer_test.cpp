@@ -4,10 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
-#include <string>
-#include <vector>
-
-#include <opencv2/core.hpp>
 
 #include "media/ffmpegapi.h"
 #include "support/mediareader.h"
@@ -21,14 +17,10 @@ namespace {
 
 // What open() is given, in the order the tests spell out the few they change.
 struct WriterSettings {
-    bool video = true;
-    bool audio = true;
-    int fps = 25;
-    int bitrate = 800000;
-    int width = 160;
-    int height = 120;
-    int channels = 1;
-    int rate = 48000;
+    bool video = true, audio = true;
+    int fps = 25, bitrate = 800000;
+    int width = 160, height = 120;
+    int channels = 1, rate = 48000;
 };
 
 // `frames` frames of interleaved S16: channel c carries a sine of freqs[c] Hz, continuing
@@ -41,13 +33,6 @@ std::vector<int16_t> sineBlock(int frames, const std::vector<double> &freqs, int
         block[i] = int16_t(12000 * std::sin(2 * M_PI * freqs[i % freqs.size()] * t));
     }
     return block;
-}
-
-// The `n`th block of the writer's frame size of a tone, through the legacy entry point.
-void writeSine(FFmpegApi &w, long n, const std::vector<double> &freqs, int rate)
-{
-    std::vector<int16_t> block = sineBlock(w.audioFrameSize(), freqs, rate, n * w.audioFrameSize());
-    EXPECT_EQ(w.write_audio(reinterpret_cast<unsigned char *>(block.data())), 0);
 }
 
 class WriterTest : public ::testing::Test
@@ -73,13 +58,11 @@ protected:
         w.setDriftCorrection(driftCorrection);
         MediaFile f;
         std::string err;
-        if (open(w, name, s) != 0) {
-            ADD_FAILURE() << "cannot open " << name << ": " << printed;
-            return f;
+        if (open(w, name, s) == 0) {
+            feed(w);
+            testutil::captureStdout([&] { w.flush(); });
         }
-        feed(w);
-        testutil::captureStdout([&] { w.flush(); });
-        EXPECT_TRUE(readMediaFile(dir.file(name), f, &err)) << err;
+        EXPECT_TRUE(readMediaFile(dir.file(name), f, &err)) << err << "; open printed: " << printed;
         return f;
     }
     testutil::TempDir dir;
@@ -90,20 +73,16 @@ protected:
 
 TEST_F(WriterTest, EachContainerHoldsItsCodecsWithTheRequestedSizeRateAndChannels)
 {
-    struct Row {
+    // Each gets its container's default codecs (the recorder's tests check H.264 and AAC in
+    // MP4). An unknown extension falls back to the MPEG program stream, after saying so.
+    const struct Row {
         const char *name;
         int width, height, rate, channels;
-        const char *format;     // part of the demuxer's name
-        AVCodecID video, audio; // NONE: the container's default
-    };
-    const Row rows[] = {
-        {"av1.mp4", 320, 240, 44100, 1, "mp4", AV_CODEC_ID_H264, AV_CODEC_ID_AAC},
-        {"av2.mp4", 160, 120, 48000, 2, "mp4", AV_CODEC_ID_H264, AV_CODEC_ID_AAC},
-        {"c.mkv", 160, 120, 48000, 1, "matroska", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE},
-        {"c.avi", 160, 120, 48000, 1, "avi", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE},
-        // An unknown extension falls back to the MPEG program stream, after saying so.
-        {"c.unknownext", 160, 120, 48000, 1, "mpeg", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE},
-    };
+        bool fallback;
+    } rows[] = {{"av.mp4", 320, 240, 44100, 2, false},
+                {"c.mkv", 160, 120, 48000, 1, false},
+                {"c.avi", 160, 120, 48000, 1, false},
+                {"c.unknownext", 160, 120, 48000, 1, true}};
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
         const WriterSettings s{true, true, 25, 800000, row.width, row.height, row.channels, row.rate};
@@ -111,32 +90,31 @@ TEST_F(WriterTest, EachContainerHoldsItsCodecsWithTheRequestedSizeRateAndChannel
             // Written as encodeVideo() tells (video first on a tie), neither stream runs
             // ahead of the other by more than a frame or a block.
             EXPECT_TRUE(w.encodeVideo());
+            const int fs = w.audioFrameSize();
+            const cv::Mat picture = textureImage(row.width, row.height, 1);
+            std::vector<int16_t> silence(size_t(fs) * row.channels);
             for (long k = 0, j = 0; k < 15;) {
                 if (w.encodeVideo()) {
-                    ASSERT_EQ(w.write_video(gradientImage(row.width, row.height)), 0);
+                    ASSERT_EQ(w.write_video(picture), 0);
                     ++k;
                 } else {
-                    writeSine(w, j++, std::vector<double>(size_t(row.channels), 1000.0), row.rate);
+                    ASSERT_EQ(w.write_audio(reinterpret_cast<unsigned char *>(silence.data())), 0);
+                    ++j;
                 }
-                const double ahead = k / 25.0 - double(j) * w.audioFrameSize() / row.rate;
-                ASSERT_LE(std::abs(ahead), std::max(1 / 25.0, double(w.audioFrameSize()) / row.rate) + 1e-9);
+                const double ahead = k / 25.0 - double(j) * fs / row.rate;
+                ASSERT_LE(std::abs(ahead), std::max(1 / 25.0, double(fs) / row.rate) + 1e-9);
             }
         });
-        const bool known = av_guess_format(nullptr, row.name, nullptr);
-        const AVOutputFormat *fmt = av_guess_format(known ? nullptr : "mpeg", row.name, nullptr);
+        const AVOutputFormat *fmt = av_guess_format(row.fallback ? "mpeg" : nullptr, row.name, nullptr);
         EXPECT_EQ(printed.find("Could not deduce output format from file extension: using MPEG.\n")
-                      == std::string::npos, known) << printed;
-        EXPECT_NE(f.formatName.find(row.format), std::string::npos) << f.formatName;
+                      != std::string::npos, row.fallback) << printed;
         ASSERT_EQ(f.streams.size(), 2u); // video first, audio second
-        EXPECT_EQ(f.streams[0].type, AVMEDIA_TYPE_VIDEO);
-        EXPECT_EQ(f.streams[1].type, AVMEDIA_TYPE_AUDIO);
-        EXPECT_EQ(f.video()->codecId, row.video ? row.video : fmt->video_codec);
-        EXPECT_EQ(f.audio()->codecId, row.audio ? row.audio : fmt->audio_codec);
-        EXPECT_EQ(f.video()->width, row.width);
-        EXPECT_EQ(f.video()->height, row.height);
+        EXPECT_EQ(f.streams[0].codecId, fmt->video_codec);
+        EXPECT_EQ(f.streams[1].codecId, fmt->audio_codec);
         EXPECT_EQ(f.audioSampleRate, row.rate);
         EXPECT_EQ(f.audioChannels, row.channels);
-        EXPECT_EQ(f.frames.size(), 15u); // the encoder was drained at flush
+        ASSERT_EQ(f.frames.size(), 15u); // the encoder was drained at flush
+        EXPECT_EQ(f.frames[0].size(), cv::Size(row.width, row.height));
     }
 }
 
@@ -149,7 +127,7 @@ TEST_F(WriterTest, EachPictureDecodesAsGivenAtItsCountInOneOverFps)
     const std::vector<cv::Mat> given = {
         textureImage(160, 120, 1), larger(cv::Rect(0, 0, 160, 120)),
         paddedCopy(textureImage(160, 120, 3), 13), textureImage(160, 120, 4),
-        gradientImage(160, 120), solidImage(160, 120, {0, 0, 255}), solidImage(160, 120, {20, 200, 90})};
+        solidImage(160, 120, {0, 0, 255}), solidImage(160, 120, {20, 200, 90})};
     // Frames the encoder cannot take, each refused without taking a timestamp.
     const cv::Mat refused[] = {solidImage(80, 60, {1, 2, 3}), cv::Mat(120, 160, CV_8UC1),
                                cv::Mat(120, 160, CV_8UC4), cv::Mat(120, 160, CV_16UC3), cv::Mat()};
@@ -170,18 +148,16 @@ TEST_F(WriterTest, EachPictureDecodesAsGivenAtItsCountInOneOverFps)
 
 TEST_F(WriterTest, SoundDecodesToTheSameTonesAndLength)
 {
-    struct Row {
+    const struct Row {
         const char *ext;
         std::vector<double> freqs; // one tone per input channel
         int outChannels;           // the encoder's: more than two are mixed down to one
         int compensation;          // samples added per block by the drift correction
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"mp4", {1000.0}, 1, 0},
         // Different tones per channel: a swapped or mixed interleave shows.
         {"mp4", {1000.0, 2500.0}, 2, 0},
         // A microphone array: the same sound on every channel, averaged, not misread.
-        {"mp4", {1000.0, 1000.0, 1000.0}, 1, 0},
         {"mp4", {1000.0, 1000.0, 1000.0, 1000.0}, 1, 0},
         // Stretched by 10 samples a block: more samples, the tone 1 % lower.
         {"mp4", {1000.0}, 1, 10},

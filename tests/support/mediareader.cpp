@@ -38,9 +38,8 @@ struct Reader {
 bool fail(std::string *error, const std::string &what, int code)
 {
     char text[AV_ERROR_MAX_STRING_SIZE] = {0};
-    av_strerror(code, text, sizeof text);
     if (error)
-        *error = what + ": " + text;
+        *error = what + ": " + av_make_error_string(text, sizeof text, code);
     return false;
 }
 
@@ -63,9 +62,8 @@ int64_t framePts(const AVFrame *f)
 // A decoded picture as BGR, with the scaler in `*sws` (kept for the next).
 cv::Mat toBgr(SwsContext **sws, const AVFrame *f)
 {
-    *sws = sws_getCachedContext(*sws, f->width, f->height, static_cast<AVPixelFormat>(f->format),
-                                f->width, f->height, AV_PIX_FMT_BGR24, SWS_POINT, nullptr,
-                                nullptr, nullptr);
+    *sws = sws_getCachedContext(*sws, f->width, f->height, AVPixelFormat(f->format), f->width,
+                                f->height, AV_PIX_FMT_BGR24, SWS_POINT, nullptr, nullptr, nullptr);
     // swscale's vector code writes past the end of short rows: give it room, then
     // keep only the picture.
     cv::Mat room(f->height + 2, f->width + 64, CV_8UC3);
@@ -75,14 +73,14 @@ cv::Mat toBgr(SwsContext **sws, const AVFrame *f)
     return room(cv::Rect(0, 0, f->width, f->height)).clone();
 }
 
-void takeSamples(Reader &r, const AVFrame *f, AVRational timeBase)
+// Appends the samples of `f` as S16, through a resampler made for the first block.
+void takeSamples(Reader &r, AVFrame *f, AVRational timeBase)
 {
     MediaFile &out = r.out;
     if (!r.swr) {
         if (framePts(f) != AV_NOPTS_VALUE)
             out.audioStartSeconds = framePts(f) * av_q2d(timeBase);
-        AVChannelLayout layout = f->ch_layout; // 5.1 takes the layouts non-const
-        swr_alloc_set_opts2(&r.swr, &layout, AV_SAMPLE_FMT_S16, f->sample_rate, &layout,
+        swr_alloc_set_opts2(&r.swr, &f->ch_layout, AV_SAMPLE_FMT_S16, f->sample_rate, &f->ch_layout,
                             static_cast<AVSampleFormat>(f->format), f->sample_rate, 0, nullptr);
         swr_init(r.swr);
         out.audioChannels = f->ch_layout.nb_channels;
@@ -101,7 +99,7 @@ void decode(Reader &r, AVCodecContext *c, const AVPacket *pkt)
 {
     if (!c || avcodec_send_packet(c, pkt) < 0)
         return;
-    for (const AVFrame *f = r.frame; avcodec_receive_frame(c, r.frame) >= 0; av_frame_unref(r.frame)) {
+    for (AVFrame *f = r.frame; avcodec_receive_frame(c, f) >= 0; av_frame_unref(f)) {
         if (c->codec_type == AVMEDIA_TYPE_AUDIO) {
             takeSamples(r, f, c->pkt_timebase);
             continue;
@@ -115,13 +113,6 @@ void decode(Reader &r, AVCodecContext *c, const AVPacket *pkt)
     }
 }
 
-const MediaStream *firstOf(const std::vector<MediaStream> &streams, AVMediaType type)
-{
-    const auto s = std::find_if(streams.begin(), streams.end(),
-                                [&](const MediaStream &s) { return s.type == type; });
-    return s == streams.end() ? nullptr : &*s;
-}
-
 } // namespace
 
 double MediaStream::durationSeconds() const
@@ -133,14 +124,11 @@ double MediaStream::durationSeconds() const
     return (*last + packetDuration[size_t(last - packetPts.begin())] - first) * av_q2d(timeBase);
 }
 
-const MediaStream *MediaFile::video() const
+const MediaStream *MediaFile::first(AVMediaType type) const
 {
-    return firstOf(streams, AVMEDIA_TYPE_VIDEO);
-}
-
-const MediaStream *MediaFile::audio() const
-{
-    return firstOf(streams, AVMEDIA_TYPE_AUDIO);
+    const auto s = std::find_if(streams.begin(), streams.end(),
+                                [&](const MediaStream &s) { return s.type == type; });
+    return s == streams.end() ? nullptr : &*s;
 }
 
 double MediaFile::videoSeconds() const
@@ -166,15 +154,13 @@ bool readMediaFile(const std::string &path, MediaFile &out, std::string *error, 
     int ret = avformat_open_input(&r.fmt, path.c_str(), nullptr, nullptr);
     if (ret < 0 || (ret = avformat_find_stream_info(r.fmt, nullptr)) < 0)
         return fail(error, "cannot open " + path, ret);
-    out.formatName = r.fmt->iformat->name;
     r.codecs.assign(r.fmt->nb_streams, nullptr);
     for (unsigned i = 0; i < r.fmt->nb_streams; ++i) {
         const AVStream *st = r.fmt->streams[i];
         const AVCodecParameters *p = st->codecpar;
-        const double start =
-            st->start_time == AV_NOPTS_VALUE ? NAN : st->start_time * av_q2d(st->time_base);
+        const double start = st->start_time == AV_NOPTS_VALUE ? NAN : st->start_time * av_q2d(st->time_base);
         out.streams.push_back(
-            {p->codec_type, p->codec_id, st->time_base, p->width, p->height, start, {}, {}, {}});
+            {p->codec_type, p->codec_id, st->time_base, p->width, p->height, start, {}, {}});
         const bool wanted = p->codec_type == AVMEDIA_TYPE_AUDIO
             || (p->codec_type == AVMEDIA_TYPE_VIDEO && decodePictures);
         if (wanted && (ret = openDecoder(r, st)) < 0)
@@ -183,7 +169,6 @@ bool readMediaFile(const std::string &path, MediaFile &out, std::string *error, 
     while ((ret = av_read_frame(r.fmt, r.pkt)) >= 0) {
         MediaStream &s = out.streams[r.pkt->stream_index];
         s.packetPts.push_back(r.pkt->pts);
-        s.packetDts.push_back(r.pkt->dts);
         s.packetDuration.push_back(r.pkt->duration);
         decode(r, r.codecs[r.pkt->stream_index], r.pkt);
         av_packet_unref(r.pkt);
@@ -193,8 +178,7 @@ bool readMediaFile(const std::string &path, MediaFile &out, std::string *error, 
     return ret == AVERROR_EOF || fail(error, "read error in " + path, ret);
 }
 
-double dominantFrequency(const std::vector<int16_t> &interleaved, int channels, int channel,
-                         int sampleRate)
+double dominantFrequency(const std::vector<int16_t> &interleaved, int channels, int channel, int sampleRate)
 {
     // Half a second from the middle (the encoder's start and end are ramps), padded to a
     // second so that the spectrum's bins are 1 Hz apart; the strongest from 20 Hz to 8 kHz.
@@ -202,31 +186,20 @@ double dominantFrequency(const std::vector<int16_t> &interleaved, int channels, 
     const size_t n = std::min<size_t>(frames, size_t(std::max(sampleRate, 0) / 2));
     if (sampleRate < 40 || n == 0)
         return 0;
-    cv::Mat signal = cv::Mat::zeros(1, sampleRate, CV_64F), spectrum, parts[2], magnitude;
+    cv::Mat signal = cv::Mat::zeros(1, sampleRate, CV_64F), spectrum, parts[2], level;
     for (size_t i = 0; i < n; ++i)
         signal.at<double>(int(i)) = interleaved[((frames - n) / 2 + i) * channels + channel];
     cv::dft(signal, spectrum, cv::DFT_COMPLEX_OUTPUT);
     cv::split(spectrum, parts);
-    cv::magnitude(parts[0], parts[1], magnitude);
+    cv::magnitude(parts[0], parts[1], level);
     cv::Point peak;
-    cv::minMaxLoc(magnitude.colRange(20, std::min(8000, sampleRate / 2) + 1), nullptr, nullptr,
-                  nullptr, &peak);
+    cv::minMaxLoc(level.colRange(20, std::min(8000, sampleRate / 2) + 1), nullptr, nullptr, nullptr, &peak);
     return 20 + peak.x;
 }
 
 cv::Mat solidImage(int width, int height, const cv::Scalar &bgr)
 {
     return cv::Mat(height, width, CV_8UC3, bgr);
-}
-
-cv::Mat gradientImage(int width, int height)
-{
-    cv::Mat img(height, width, CV_8UC3, cv::Scalar(0, 0, 128));
-    img.forEach<cv::Vec3b>([&](cv::Vec3b &pixel, const int *at) {
-        pixel[0] = static_cast<uchar>(at[1] * 255 / std::max(1, width - 1));
-        pixel[1] = static_cast<uchar>(at[0] * 255 / std::max(1, height - 1));
-    });
-    return img;
 }
 
 cv::Mat paddedCopy(const cv::Mat &img, int extraPixelsPerRow)
@@ -249,16 +222,16 @@ cv::Mat textureImage(int width, int height, int seed)
 cv::Mat throughYuv420(const cv::Mat &bgr)
 {
     AVFrame *yuv = av_frame_alloc();
-    SwsContext *to = sws_getContext(bgr.cols, bgr.rows, AV_PIX_FMT_BGR24, bgr.cols, bgr.rows,
-                                    AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR, nullptr, nullptr,
-                                    nullptr);
-    SwsContext *back = nullptr;
-    cv::Mat out;
     yuv->format = AV_PIX_FMT_YUV420P;
     yuv->width = bgr.cols;
     yuv->height = bgr.rows;
+    // There with the writer's filter, back with the reader's.
+    SwsContext *to = sws_getContext(bgr.cols, bgr.rows, AV_PIX_FMT_BGR24, bgr.cols, bgr.rows,
+                                    AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
+    SwsContext *back = nullptr;
     const uint8_t *src[1] = {bgr.data};
     const int srcStride[1] = {static_cast<int>(bgr.step[0])};
+    cv::Mat out;
     if (to && bgr.type() == CV_8UC3 && av_frame_get_buffer(yuv, 0) >= 0
         && sws_scale(to, src, srcStride, 0, bgr.rows, yuv->data, yuv->linesize) > 0)
         out = toBgr(&back, yuv);

@@ -9,7 +9,6 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
-#include <libavutil/rational.h>
 }
 
 // What a written file holds, read back with libavformat/libavcodec.
@@ -21,15 +20,14 @@ struct MediaStream {
     // Where a player starts the stream (the container's start time, with its edit list
     // applied), seconds; NAN when the file does not say.
     double startSeconds = NAN;
-    // Every packet's pts, dts and duration in file order (stream time base).
-    std::vector<int64_t> packetPts, packetDts, packetDuration;
+    // Every packet's pts and duration in file order (stream time base).
+    std::vector<int64_t> packetPts, packetDuration;
     // From the first pts to the end of the last packet, in seconds. An encoder's priming
     // (AAC's first 1024 samples, before pts 0) is not played, so it is not counted.
     double durationSeconds() const;
 };
 
 struct MediaFile {
-    std::string formatName;           // e.g. "mov,mp4,m4a,3gp,3g2,mj2"
     std::vector<MediaStream> streams;
     std::vector<cv::Mat> frames;      // decoded pictures, CV_8UC3 BGR, display order
     std::vector<int64_t> framePts;    // their pts in the video stream's time base
@@ -38,8 +36,10 @@ struct MediaFile {
     std::vector<int16_t> samples;     // decoded audio, interleaved S16
     int audioChannels = 0, audioSampleRate = 0;
 
-    const MediaStream *video() const; // first stream of that type, or nullptr
-    const MediaStream *audio() const;
+    // The first stream of a type, or nullptr.
+    const MediaStream *first(AVMediaType type) const;
+    const MediaStream *video() const { return first(AVMEDIA_TYPE_VIDEO); }
+    const MediaStream *audio() const { return first(AVMEDIA_TYPE_AUDIO); }
     // Decoded pictures (or, without decoding, packets) x the stream's frame period.
     double videoSeconds() const;
     // Decoded samples per channel / rate.
@@ -56,10 +56,9 @@ bool readMediaFile(const std::string &path, MediaFile &out, std::string *error =
 double dominantFrequency(const std::vector<int16_t> &interleaved, int channels, int channel,
                          int sampleRate);
 
-// A CV_8UC3 BGR picture of one colour, a horizontal/vertical gradient, or with rows
-// padded past width x 3 bytes (same pixels as `img`).
+// A CV_8UC3 BGR picture of one colour, or with rows padded past width x 3 bytes (same
+// pixels as `img`).
 cv::Mat solidImage(int width, int height, const cv::Scalar &bgr);
-cv::Mat gradientImage(int width, int height);
 cv::Mat paddedCopy(const cv::Mat &img, int extraPixelsPerRow);
 // A BGR picture of blurred noise, the same for the same seed: scaled, cropped or
 // swapped for another, it differs everywhere.

@@ -20,10 +20,8 @@ std::string topLevelBoxes(const std::string &path)
             size = 0;
             for (int i = 8; i < 16; ++i)
                 size = (size << 8) | h[i];
-        } else if (size == 0) { // to the end of the file
-            size = end - at;
         }
-        if (size < 8)
+        if (size < 8) // 0: to the end of the file; less: not a box
             break;
     }
     return types;
