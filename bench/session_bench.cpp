@@ -29,7 +29,6 @@
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
 #include "support/qtmessages.h"
-#include "support/testcameras.h"
 #include "support/testutil.h"
 #include "syntheticcamera.h"
 
@@ -117,7 +116,7 @@ double cyclesSeconds(const Options &o, int count)
     LoadedRecorder rec(o.plugin);
     if (!rec.loaded())
         return -1;
-    SolidCamera camera(64, 48, cv::Scalar(20, 120, 220));
+    CyclingCamera camera({cv::Mat(48, 64, CV_8UC3, cv::Scalar(20, 120, 220))}, 50);
     rec->setHasAudio(false);
     rec->vSetRecSize(64, 48);
     rec->setFps(20);

@@ -28,8 +28,8 @@
 #include "support/lipsync.h"
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
-#include "support/testcameras.h"
 #include "support/testutil.h"
+#include "syntheticcamera.h"
 
 namespace {
 
@@ -64,7 +64,7 @@ int soakCycles(const Options &o, const std::string &file)
         std::fprintf(stderr, "cannot load the plugin: %s\n", qPrintable(rec.error()));
         return 1;
     }
-    SolidCamera camera(64, 48, cv::Scalar(20, 120, 220));
+    CyclingCamera camera({cv::Mat(48, 64, CV_8UC3, cv::Scalar(20, 120, 220))}, 50);
     rec->setHasAudio(false);
     rec->vSetRecSize(64, 48);
     rec->setFps(20);

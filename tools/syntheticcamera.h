@@ -59,7 +59,8 @@ public:
     // The synthetic camera's frames 0 to count - 1, as taken at fps.
     static std::vector<cv::Mat> synthetic(int width, int height, int fps, int count);
 
-    void beginUse() override {}
+    // Each recording starts the schedule afresh, as a camera opened again would.
+    void beginUse() override { m_next = 0; }
     bool getFrame(cv::Mat &frame) override;
     void endUse() override {}
 
@@ -69,7 +70,7 @@ private:
     const std::vector<cv::Mat> m_pictures;
     const Clock::duration m_period; // between frames
     Clock::time_point m_start;      // when the first frame was asked for
-    long m_next = 0;                // index of the next frame; session thread only
+    long m_next = 0;                // index of the next frame; the recorder's threads only
 };
 
 #endif // SYNTHETICCAMERA_H
