@@ -1,7 +1,5 @@
 // Queues two snapshots, a blue and a red one, and returns from main at once: the process
 // must end with status 0, both written in order, with no crash, hang or sanitizer report.
-#include <opencv2/core.hpp>
-
 #include "media/ffmpegapi.h"
 
 int main()
