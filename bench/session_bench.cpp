@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "commandline.h"
+#include "fakealsa.h"
 #include "simulatedmic.h"
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
@@ -144,7 +145,7 @@ int runOne(const Options &o, int w, int h)
     QTemporaryDir dir;
     const QString file = dir.filePath("bench.mp4");
 
-    simulatedmic::reset();
+    fakealsa::reset();
     simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
     CyclingCamera camera(CyclingCamera::synthetic(w, h, o.fps, kCameraPictures), o.fps);
     QtMessageCollector log;

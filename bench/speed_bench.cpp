@@ -31,6 +31,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "commandline.h"
+#include "fakealsa.h"
 #include "simulatedmic.h"
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
@@ -170,7 +171,7 @@ PluginRun recordWithPlugin(const Options &o, const std::vector<cv::Mat> &picture
     char name[] = "speed_bench";
     char *argv[] = {name, nullptr};
     QCoreApplication app(argc, argv);
-    simulatedmic::reset();
+    fakealsa::reset();
     simulatedmic::addCameraMicrophone(kSampleRate, 1, kToneHz);
     CyclingCamera camera(pictures, o.fps);
     QtMessageCollector log;

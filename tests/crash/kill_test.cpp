@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "media/standardmp4.h"
+#include "fakealsa.h"
 #include "simulatedmic.h"
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
@@ -43,7 +44,7 @@ constexpr double kFramePeriod = 1.0 / 30;
 // size) and the simulated microphone; false when it did not start.
 bool startRecording(LoadedRecorder &rec, SyntheticCamera &camera, const std::string &file)
 {
-    simulatedmic::reset();
+    fakealsa::reset();
     simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
     if (!rec.loaded())
         return false;

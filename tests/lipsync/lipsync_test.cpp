@@ -8,13 +8,12 @@
 #include <thread>
 
 #include "fakealsa.h"
-#include "plugin/plugincomponent.h"
+#include "support/lipsync.h"
 #include "support/loadedrecorder.h"
 #include "support/mediareader.h"
 #include "support/testutil.h"
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -36,91 +35,6 @@ const SyncRun kRuns[] = {
     {"LongFast", 1000, -1, 1, 1280, 720, 600, -1},
     {"LongSlowFourChannelsOverruns", -1000, 30000, 4, 1280, 720, 600, -1},
 };
-
-constexpr int kFps = 30;
-constexpr double kPeriod = 1.0 / kFps;
-constexpr int kFlashEveryFrames = 60; // 2 s
-constexpr double kFlashEvery = double(kFlashEveryFrames) / kFps;
-// A frame brighter than this is a flash (black frames decode near 16, white near 235).
-constexpr double kFlashBrightness = 128;
-// A sample louder than this starts a beep (beeps are 12000 loud) after this much silence.
-constexpr int kBeepLevel = 3000;
-constexpr double kSilenceBeforeBeep = 0.2; // seconds
-constexpr long kBeepMs = 50;
-constexpr double kWholeBeep = 0.04; // seconds loud: less is a beep cut short
-
-// A camera whose frame n is taken at epoch + n / fps (steady clock), the instants the card
-// beeps at being frames 0, 60, 120...: those and the frame after each are white (the
-// feeder takes one of two whatever its phase), the rest black. Taken on the flash's own
-// instant, a flash is late in the file only by what the recorder adds.
-class FlashCamera : public PluginComponent
-{
-public:
-    // `stallAfter` into the recording one getFrame blocks for 3 s (never when negative).
-    FlashCamera(int width, int height, Clock::time_point epoch, std::chrono::milliseconds stallAfter)
-        : m_size(width, height), m_epoch(epoch), m_stallAfter(stallAfter) {}
-    void beginUse() override {}
-    void endUse() override {}
-    bool getFrame(cv::Mat &frame) override
-    {
-        if (m_n == kNone)
-            m_start = Clock::now();
-        if (m_stallAfter >= 0ms && Clock::now() - m_start >= m_stallAfter) {
-            std::this_thread::sleep_for(3s);
-            m_stallAfter = -1ms;
-        }
-        // The next frame, or the latest one taken when the caller is more than a period late.
-        const double sinceEpoch = std::chrono::duration<double>(Clock::now() - m_epoch).count();
-        m_n = std::max(m_n + 1, long(std::floor(sinceEpoch * kFps)));
-        std::this_thread::sleep_until(m_epoch + std::chrono::nanoseconds(m_n * 1000000000LL / kFps));
-        const bool lit = m_n >= 0 && m_n % kFlashEveryFrames < 2;
-        frame = cv::Mat(m_size, CV_8UC3, cv::Scalar::all(lit ? 255 : 0));
-        return true;
-    }
-
-private:
-    static constexpr long kNone = -1000000000; // no frame taken yet
-    const cv::Size m_size;
-    const Clock::time_point m_epoch;        // when frame 0 is taken
-    std::chrono::milliseconds m_stallAfter; // negative: no stall (any more)
-    Clock::time_point m_start;              // the first getFrame
-    long m_n = kNone;                       // the frame taken last
-};
-
-// When each flash shows in the file's picture: the time of every frame that turns white.
-std::vector<double> flashTimes(const MediaFile &f)
-{
-    std::vector<double> times;
-    const auto lit = [&](size_t i) { return f.frameBrightness[i] > kFlashBrightness; };
-    for (size_t i = 0; i < f.frameBrightness.size(); ++i)
-        if (lit(i) && (i == 0 || !lit(i - 1)))
-            times.push_back(f.framePts[i] * av_q2d(f.video()->timeBase));
-    return times;
-}
-
-// When each whole beep starts in the file's sound: the first loud sample after silence.
-// A beep cut short (by the file's start, or by sound an overrun lost) is no measure.
-std::vector<double> beepOnsets(const MediaFile &f)
-{
-    std::vector<double> onsets;
-    const size_t quiet = size_t(kSilenceBeforeBeep * f.audioSampleRate);
-    const size_t whole = size_t(kWholeBeep * f.audioSampleRate);
-    bool counted = true; // the file's start counts as sound
-    for (size_t i = 0, start = 0, lastLoud = 0; i < f.samples.size() / f.audioChannels; ++i) {
-        if (std::abs(f.samples[i * f.audioChannels]) < kBeepLevel)
-            continue;
-        if (i - lastLoud >= quiet) {
-            start = i;
-            counted = false;
-        }
-        lastLoud = i;
-        if (!counted && i - start >= whole) {
-            onsets.push_back(f.audioStartSeconds + double(start) / f.audioSampleRate);
-            counted = true;
-        }
-    }
-    return onsets;
-}
 
 using LipSyncTest = ::testing::TestWithParam<SyncRun>;
 
@@ -173,16 +87,10 @@ TEST_P(LipSyncTest, EveryFlashComesWithItsBeep)
 #endif
 
     const std::vector<double> flashes = flashTimes(f), beeps = beepOnsets(f);
-    // flash - beep of every flash with a beep within half a second, in ms for the messages.
-    std::vector<double> offsets;
-    std::string listed;
-    for (double flash : flashes) {
-        const auto beep = std::lower_bound(beeps.begin(), beeps.end(), flash - 0.5);
-        if (beep != beeps.end() && *beep <= flash + 0.5) {
-            offsets.push_back(flash - *beep);
-            listed += " " + std::to_string(std::lround((flash - *beep) * 1000));
-        }
-    }
+    const std::vector<double> offsets = pairOffsets(flashes, beeps, 0.5);
+    std::string listed; // in ms, for the messages
+    for (double offset : offsets)
+        listed += " " + std::to_string(std::lround(offset * 1000));
     // A beep may fall into the sound an overrun lost, a flash into the stall.
     ASSERT_GE(offsets.size(), size_t(run.seconds / 2 - 2 - fakealsa::overruns()))
         << flashes.size() << " flashes, " << beeps.size() << " beeps";

@@ -11,8 +11,8 @@
 #include "simulatedmic.h"
 #include "support/loadedrecorder.h"
 #include "support/qtmessages.h"
-#include "support/testcameras.h"
 #include "support/testutil.h"
+#include "syntheticcamera.h"
 
 TEST(FfmpegLog, EncoderMessagesReachTheCategoryAtTheLevelsTheRulesTurnOn)
 {
@@ -29,7 +29,7 @@ TEST(FfmpegLog, EncoderMessagesReachTheCategoryAtTheLevelsTheRulesTurnOn)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.rules);
         testutil::TempDir dir;
-        SolidCamera camera(160, 120, cv::Scalar(40, 90, 200)); // outlives the recorder
+        CyclingCamera camera({cv::Mat(120, 160, CV_8UC3, cv::Scalar(40, 90, 200))}, 50); // outlives the recorder
         LoadedRecorder rec{QStringLiteral(RECORDER_PLUGIN_PATH)};
         ASSERT_TRUE(rec.loaded()) << qPrintable(rec.error());
         QLoggingCategory::setFilterRules(QString::fromLatin1(row.rules));

@@ -38,12 +38,9 @@ TEST(PluginMetadata, HostSeesTheInterfaceIdClassNameAndEmptyKeys)
     const QJsonObject md = loader.metaData();
     EXPECT_EQ(md.value("IID").toString(), QStringLiteral("com.kw.ffmpegplugin"));
     EXPECT_EQ(md.value("className").toString(), QStringLiteral("RecordThread"));
-    EXPECT_FALSE(md.value("debug").toBool(true));
-    EXPECT_EQ(md.value("version").toInt(), QT_VERSION & 0xFFFF00);
     const QJsonObject meta = md.value("MetaData").toObject();
     ASSERT_EQ(meta.keys(), QStringList{"Keys"});
-    EXPECT_TRUE(meta.value("Keys").isArray());
-    EXPECT_TRUE(meta.value("Keys").toArray().isEmpty());
+    EXPECT_EQ(meta.value("Keys"), QJsonValue(QJsonArray()));
 }
 
 TEST_F(PluginTest, CastsAnswerTheInterfaceNamesAndNothingElse)

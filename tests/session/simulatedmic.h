@@ -3,15 +3,10 @@
 
 #include "fakealsa.h"
 
-// The camera's microphone as the end-to-end tests and benchmarks need it, on the
-// simulated sound hardware. A program that links this has the simulated functions
-// ahead of libasound for the plugin it loads.
+// The camera's microphone on the simulated sound hardware, as the end-to-end tests and
+// benchmarks need it. A program that links the simulatedmic target has the simulated
+// functions ahead of libasound for the plugin it loads.
 namespace simulatedmic {
-
-inline void reset()
-{
-    fakealsa::reset();
-}
 
 // A "KW-08P USBCamera" card whose capture device gives `channels` channels at `rate`,
 // channel c carrying a sine of frequency x (c + 1).
@@ -22,11 +17,6 @@ inline void addCameraMicrophone(unsigned int rate, int channels, double frequenc
     c.channels = {static_cast<unsigned int>(channels)};
     c.frequency = frequency;
     fakealsa::addCard("KW-08P USBCamera", {}, c);
-}
-
-inline int pcmOpens()
-{
-    return fakealsa::pcmOpens();
 }
 
 } // namespace simulatedmic

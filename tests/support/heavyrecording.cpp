@@ -2,7 +2,6 @@
 
 #include <QRegularExpression>
 #include <algorithm>
-#include <sys/resource.h>
 #include <thread>
 
 #include "loadedrecorder.h"
@@ -22,14 +21,6 @@ std::vector<cv::Mat> noisePictures(int width, int height)
         rng.fill(pictures.back(), cv::RNG::UNIFORM, 0, 256);
     }
     return pictures;
-}
-
-double HeavyRecordingReport::rssGrowthMiBPerMinute() const
-{
-    if (rssKiB.size() < 2 || wallSeconds <= 0)
-        return 0;
-    const double spanSeconds = wallSeconds * double(rssKiB.size() - 1) / double(rssKiB.size());
-    return (rssKiB.back() - rssKiB.front()) / 1024.0 * 60.0 / spanSeconds;
 }
 
 HeavyRecordingReport recordHeavy(LoadedRecorder &rec, const std::string &file, int width,
@@ -82,8 +73,5 @@ HeavyRecordingReport recordHeavy(LoadedRecorder &rec, const std::string &file, i
         if (droppedMatch.hasMatch())
             r.framesDropped = droppedMatch.captured(1).toLong();
     }
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    r.peakRssKiB = usage.ru_maxrss;
     return r;
 }

@@ -25,9 +25,6 @@ struct HeavyRecordingReport {
     long framesNotMadeUp = -1;       // the feeder's count of frames lost to stalls over 1 s
     long framesDropped = 0;          // the encoder's count of frames its full queue dropped
     std::vector<long> rssKiB;        // resident size at each sample while recording
-    long peakRssKiB = 0;             // of the process so far
-    // Resident size growth over the recording, MiB per minute.
-    double rssGrowthMiBPerMinute() const;
 };
 
 // Records `length` of noise at width x height and fps, with the plugin's current sound

@@ -25,7 +25,6 @@ public:
     bool loaded() const { return m_recorder != nullptr; }
     QString error() const { return m_error; }
     FFMPEGPlugin *operator->() const { return m_recorder; }
-    FFMPEGPlugin *get() const { return m_recorder; }
     QThread *thread() const { return qobject_cast<QThread *>(m_instance); }
 
     // stopRecord, then polls until isRecording() is false and the session thread has
