@@ -1,9 +1,10 @@
 // Records through the built plugin as a host does (synthetic 30 fps camera, simulated
 // microphone) and prints what a user pays and gets: CPU seconds per recorded second,
 // peak memory, the most frames ever queued, frames in the file against wall time x fps,
-// and the audio/video duration gap (speed_bench compares the CPU and memory with the ffmpeg
-// command line in interleaved pairs). Then, per size, the stop latency (stopRecord until isRecording() is false) over a series of
-// short recordings, and once, the total time of back-to-back start/stop cycles.
+// and the audio/video duration gap (speed_bench compares the CPU and memory with the
+// ffmpeg command line in interleaved pairs). Then, per size, the stop latency (stopRecord
+// until isRecording() is false) over a series of short recordings, and once, the total
+// time of back-to-back start/stop cycles.
 //
 // usage: session_bench [--seconds N] [--sizes 1280x720,1920x1080] [--fps N] [--bitrate N]
 //                      [--stops N] [--cycles N] [--plugin PATH]
@@ -59,17 +60,18 @@ constexpr long long kMaxRuns = 100000;
 // Distinct pictures the camera cycles through (drawn before the recording).
 constexpr int kCameraPictures = 30;
 
-double cpuSeconds(int who)
+// This process's CPU seconds so far, and its peak resident size in KiB.
+double cpuSeconds()
 {
     rusage u{};
-    getrusage(who, &u);
+    getrusage(RUSAGE_SELF, &u);
     return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
 }
 
-long peakKiB(int who = RUSAGE_SELF)
+long peakKiB()
 {
     rusage u{};
-    getrusage(who, &u);
+    getrusage(RUSAGE_SELF, &u);
     return u.ru_maxrss;
 }
 
@@ -160,7 +162,7 @@ int runOne(const Options &o, int w, int h)
     rec->setFps(o.fps);
     rec->setVideoBitrate(o.bitrate);
 
-    const double cpu0 = cpuSeconds(RUSAGE_SELF);
+    const double cpu0 = cpuSeconds();
     Clock::time_point t0, t1;
     testutil::captureStdout([&] {
         rec->startRecord();
@@ -171,7 +173,7 @@ int runOne(const Options &o, int w, int h)
         t1 = Clock::now();
         rec.stopAndWait(std::chrono::minutes(10));
     });
-    const double cpu = cpuSeconds(RUSAGE_SELF) - cpu0;
+    const double cpu = cpuSeconds() - cpu0;
     const double wall = std::chrono::duration<double>(t1 - t0).count();
     const long peak = peakKiB();
 
