@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "media/ffmpegapi.h"
 #include "soundtimeline.h"
@@ -15,6 +16,21 @@ namespace {
 size_t pictureBytes(const cv::Mat &picture)
 {
     return picture.total() * picture.elemSize();
+}
+
+long toMs(int64_t samples, unsigned int rate)
+{
+    return rate ? long(samples * 1000 / rate) : 0;
+}
+
+// The host's words for a write that failed.
+QString writeFailure(int error)
+{
+    if (error == AVERROR(ENOSPC) || error == AVERROR(EDQUOT))
+        return QStringLiteral("the disk is full");
+    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
+    av_strerror(error, text, sizeof text);
+    return QStringLiteral("the output could not be written: %1").arg(QString::fromUtf8(text));
 }
 
 } // namespace
@@ -185,6 +201,11 @@ void FFmpegEncode::queueVideo(const cv::Mat &picture, int times, int64_t pts)
     queueCondition.notify_all();
 }
 
+bool FFmpegEncode::soundQueueFull() const
+{
+    return queuedSoundFrames > int64_t(kMaxQueuedSoundSeconds * std::max(1u, m_audioSampleRate));
+}
+
 void FFmpegEncode::addAudio(AudioBlock block)
 {
     {
@@ -193,6 +214,16 @@ void FFmpegEncode::addAudio(AudioBlock block)
         const bool noStream = (state & kOpen) && !m_recAudio;
         if (noStream || (state & (kFailed | kOver)))
             return; // a file without sound, or no file at all: nothing will write it
+        if (m_failed || soundQueueFull()) {
+            lostSoundFrames += block.frames;
+            if (!m_failed) {
+                m_failure = QStringLiteral("the disk stalled: %1 s of sound waited to be written")
+                                .arg(kMaxQueuedSoundSeconds);
+                m_failed = true;
+            }
+            return;
+        }
+        queuedSoundFrames += block.frames;
         audioList.append(std::move(block));
         ++audioBlocksQueued;
         peakAudioQueued = std::max(peakAudioQueued, int(audioList.size()));
@@ -262,15 +293,73 @@ void FFmpegEncode::freeQueued()
 {
     std::lock_guard<std::mutex> lock(queueMutex);
     audioList.clear();
+    queuedSoundFrames = 0;
     videoList.clear();
     entriesPerPicture.clear();
     videoQueuedBytes = 0;
 }
 
+QString FFmpegEncode::failure()
+{
+    std::lock_guard<std::mutex> lock(queueMutex);
+    return m_failure;
+}
+
+void FFmpegEncode::fail(const QString &reason)
+{
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        if (!m_failed) {
+            m_failure = reason;
+            m_failed = true;
+        }
+    }
+    queueCondition.notify_all();
+}
+
+bool FFmpegEncode::audioEnded()
+{
+    std::lock_guard<std::mutex> lock(queueMutex);
+    return m_audioEnded;
+}
+
+FFmpegEncode::Progress FFmpegEncode::progress()
+{
+    std::lock_guard<std::mutex> lock(queueMutex);
+    Progress p;
+    p.framesWritten = writtenVideo;
+    p.framesDropped = droppedVideo;
+    p.framesRefused = refusedVideo;
+    p.videoSeconds = m_fps ? double(lastVideoPts + 1) / recordingFps(m_fps) : 0;
+    p.audioSeconds = m_audioSampleRate ? double(soundFramesOut) / m_audioSampleRate : 0;
+    p.seconds = std::max(p.videoSeconds, p.audioSeconds);
+    p.soundFilledMs = toMs(filledSoundFrames, m_audioSampleRate);
+    p.soundLostMs = toMs(lostSoundFrames, m_audioSampleRate);
+    return p;
+}
+
 void FFmpegEncode::run()
 {
-    encode();
+    // Nothing may leave a worker thread: an error ends the recording with its reason, and
+    // the writer's destructor leaves the file as far as it was written.
+    try {
+        encode();
+    } catch (const std::exception &e) {
+        fail(QStringLiteral("an internal error: %1").arg(QString::fromUtf8(e.what())));
+    } catch (...) {
+        fail(QStringLiteral("an internal error"));
+    }
+    if (!isOver()) {
+        freeQueued();
+        setState(m_state.load() | kOver | (isEncodeOpen() ? 0 : kFailed));
+    }
     exit.markReturned();
+}
+
+void FFmpegEncode::checkWriter(FFmpegApi &writer)
+{
+    if (writer.writeError() != 0)
+        fail(writeFailure(writer.writeError()));
 }
 
 void FFmpegEncode::encode()
@@ -325,9 +414,16 @@ void FFmpegEncode::writeFirstVideo(std::unique_lock<std::mutex> &lock, FFmpegApi
     QueuedFrame item = videoList.takeFirst();
     uncountEntry(item.picture);
     lock.unlock();
-    writer.write_video(item.picture, item.pts);
+    const int written = writer.write_video(item.picture, item.pts);
     item.picture.release();
+    checkWriter(writer);
     lock.lock();
+    if (written == 0) {
+        ++writtenVideo;
+        lastVideoPts = std::max(lastVideoPts, item.pts);
+    } else if (writer.writeError() == 0) {
+        ++refusedVideo;
+    }
 }
 
 // Takes the oldest block out of the queue and writes it where the timeline puts it.
@@ -335,6 +431,7 @@ void FFmpegEncode::writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi
                                    SoundTimeline &timeline)
 {
     AudioBlock block = audioList.takeFirst();
+    queuedSoundFrames -= block.frames;
     // The origin is set before the capture starts, so the first block sees it.
     if (m_originNs.load() != 0)
         timeline.setOrigin(m_originNs.load() / 1e9);
@@ -352,12 +449,17 @@ void FFmpegEncode::writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi
         lock.lock();
         return; // the picture began after this block ended
     }
+    const int64_t lostBefore = p.skip;
     if (p.skip > 0) {
         block.samples.erase(block.samples.begin(), block.samples.begin() + p.skip * block.channels);
         block.frames -= static_cast<int>(p.skip);
     }
     writer.write_audio(block, p.compensation);
+    checkWriter(writer);
     lock.lock();
+    filledSoundFrames += p.leadSilence;
+    lostSoundFrames += lostBefore;
+    soundFramesOut = writer.audioSamplesOut();
 }
 
 // Writes whatever is queued as soon as it is queued, the earlier stream first, and waits
@@ -368,8 +470,10 @@ void FFmpegEncode::writeQueued(FFmpegApi &writer, SoundTimeline &timeline)
     std::unique_lock<std::mutex> lock(queueMutex);
     for (;;) {
         queueCondition.wait(lock, [&] {
-            return !videoList.isEmpty() || !audioList.isEmpty() || !m_isRun;
+            return !videoList.isEmpty() || !audioList.isEmpty() || !m_isRun || m_failed;
         });
+        if (m_failed)
+            return; // what is queued cannot be written: the file ends where it is
         if (videoList.isEmpty() && audioList.isEmpty())
             return; // stopped and drained
         const bool video = !videoList.isEmpty()

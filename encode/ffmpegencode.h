@@ -31,6 +31,23 @@ public:
     // of pixels. Frames beyond are dropped (and counted) instead of eating the machine's
     // memory when it cannot encode in real time.
     static constexpr size_t kMaxQueuedVideoBytes = size_t(256) << 20;
+    // Most sound the audio queue holds, seconds. The writer takes every block as soon as
+    // it can, so while it keeps up nothing is ever dropped; a disk that stalls the writer
+    // this long ends the recording with a reason, and blocks past the bound are counted
+    // as lost instead of growing the queue.
+    static constexpr double kMaxQueuedSoundSeconds = 10.0;
+
+    // What the writer has done so far, for the host's status.
+    struct Progress {
+        long framesWritten = 0;   // video frames encoded
+        long framesDropped = 0;   // frames the full queue dropped
+        long framesRefused = 0;   // frames the writer could not take (type, size)
+        double seconds = 0;       // media written, the longer stream
+        double videoSeconds = 0;  // picture written
+        double audioSeconds = 0;  // sound written
+        long soundFilledMs = 0;   // silence written before blocks that came late
+        long soundLostMs = 0;     // sound cut, or refused past the queue's bound
+    };
 
     explicit FFmpegEncode(QObject *parent = nullptr);
     // Waits for the thread, then frees whatever is still queued.
@@ -63,6 +80,16 @@ public:
     // The writer could not open the output; the thread has ended and nothing was written.
     bool isFailed() const { return m_state.load(std::memory_order_acquire) & kFailed; }
     int audioFrameSize() const { return m_audioFrameSize.load(std::memory_order_acquire); }
+    // The recording cannot go on (a write failed, the disk stalled, an error on a worker
+    // thread): the session ends it. Any thread.
+    bool hasFailed() const { return m_failed.load(std::memory_order_acquire); }
+    // Why, as a short sentence; empty when it has not failed. Any thread.
+    QString failure();
+    // Ends the recording for `reason`; the first reason given is kept. Any thread.
+    void fail(const QString &reason);
+    // The sound ended before the recording was stopped. Any thread.
+    bool audioEnded();
+    Progress progress();
 
     // Session thread.
     void setRun(bool run);
@@ -125,6 +152,10 @@ private:
     void writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi &writer,
                          SoundTimeline &timeline);
     void freeQueued();
+    // Under queueMutex: whether the queued sound is past kMaxQueuedSoundSeconds.
+    bool soundQueueFull() const;
+    // After a write: ends the recording when the writer could not write.
+    void checkWriter(FFmpegApi &writer);
     void logPeakQueues();
     void setState(int state);
 
@@ -166,6 +197,15 @@ private:
     int peakAudioQueued = 0;                 // blocks: audioList's longest length so far
     size_t peakVideoQueuedBytes = 0;         // bytes: videoQueuedBytes's largest value so far
     long droppedVideo = 0;                   // frames not queued because the queue was full
+    int64_t queuedSoundFrames = 0;           // samples per channel in audioList
+    long refusedVideo = 0;                   // frames the writer refused
+    long writtenVideo = 0;                   // frames the writer encoded
+    int64_t filledSoundFrames = 0;           // samples of silence put before late blocks
+    int64_t lostSoundFrames = 0;             // samples cut or refused at the bound
+    int64_t lastVideoPts = -1;               // pts of the last frame written
+    int64_t soundFramesOut = 0;              // samples per channel written
+    QString m_failure;                       // why the recording cannot go on; empty: it can
+    std::atomic<bool> m_failed{false};       // m_failure is set
 
     // Steady clock, ns since its epoch: when the picture's frame 0 is due; 0 when unset.
     std::atomic<int64_t> m_originNs{0};

@@ -91,7 +91,15 @@ void VideoDataThread::run()
         ready.store(true, std::memory_order_release);
     }
     controlCondition.notify_all();
-    feed();
+    // Nothing may leave a worker thread (cv::resize and allocations throw): the encoder
+    // ends the recording with the reason.
+    try {
+        feed();
+    } catch (const std::exception &e) {
+        encoder->fail(QStringLiteral("an internal error: %1").arg(QString::fromUtf8(e.what())));
+    } catch (...) {
+        encoder->fail(QStringLiteral("an internal error"));
+    }
     ready.store(false, std::memory_order_release);
     exit.markReturned();
 }

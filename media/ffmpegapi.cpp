@@ -92,6 +92,17 @@ void configureAudio(AVCodecContext *c, AVStream *st, const AVCodec *codec, int a
     }
 }
 
+// The pixel layouts cameras and OpenCV pipelines hand over: 8-bit gray, BGR and BGRA.
+AVPixelFormat cameraPixelFormat(int cvType)
+{
+    switch (cvType) {
+    case CV_8UC1: return AV_PIX_FMT_GRAY8;
+    case CV_8UC3: return AV_PIX_FMT_BGR24;
+    case CV_8UC4: return AV_PIX_FMT_BGRA;
+    default: return AV_PIX_FMT_NONE;
+    }
+}
+
 } // namespace
 
 int recordingFps(long long fps)
@@ -140,14 +151,19 @@ int add_stream(OutputStream *ost, AVFormatContext *oc, const AVCodec **codec, AV
     return 0;
 }
 
+bool isCameraFrameType(int cvType)
+{
+    return cameraPixelFormat(cvType) != AV_PIX_FMT_NONE;
+}
+
 int fill_yuv_image(AVFrame *frame, int width, int height, const cv::Mat &img,
                    SwsContext **scaler)
 {
-    // 8-bit BGR is what the writer takes; more formats would only need their mapping here.
-    if (img.type() != CV_8UC3 || img.cols < width || img.rows < height)
+    const AVPixelFormat source = cameraPixelFormat(img.type());
+    if (source == AV_PIX_FMT_NONE || img.cols < width || img.rows < height)
         return -1;
     // The key is the whole conversion: what sws_getCachedContext compares before reusing.
-    *scaler = sws_getCachedContext(*scaler, width, height, AV_PIX_FMT_BGR24, width, height,
+    *scaler = sws_getCachedContext(*scaler, width, height, source, width, height,
                                    static_cast<AVPixelFormat>(frame->format), SWS_FAST_BILINEAR,
                                    nullptr, nullptr, nullptr);
     if (!*scaler)
@@ -324,6 +340,7 @@ int FFmpegApi::open(char *filename, int videoBitrate, int fps, int width, int he
     m_path = filename ? filename : "";
     m_fragmented = false;
     m_writeFailed = false;
+    m_writeError = 0;
     m_width = width;
     m_height = height;
     m_fps = fps;
@@ -429,12 +446,13 @@ void FFmpegApi::setRecoverableOptions(AVDictionary **muxerOptions)
 }
 
 // A full disk or a vanished device fails every packet after the first: the user is told
-// once what failed, and the recording goes on until it is stopped.
+// once what failed, and the caller (writeError) ends the recording.
 void FFmpegApi::reportWriteError(const char *what, int error)
 {
     if (m_writeFailed)
         return;
     m_writeFailed = true;
+    m_writeError = error;
     char text[AV_ERROR_MAX_STRING_SIZE] = {0};
     av_strerror(error, text, sizeof text);
     fprintf(stderr, "%s: %s (%s)\n", what, text, oc && oc->url ? oc->url : "output");
@@ -474,7 +492,7 @@ int FFmpegApi::encodeAndWrite(OutputStream *ost, AVFrame *frame)
 AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img, int64_t pts)
 {
     // A frame the encoder cannot take is refused, not encoded as garbage.
-    if (img.empty() || img.type() != CV_8UC3 || img.cols < video_st.enc->width
+    if (img.empty() || !isCameraFrameType(img.type()) || img.cols < video_st.enc->width
         || img.rows < video_st.enc->height)
         return nullptr;
     AVFrame *frame = video_st.frame;
@@ -654,7 +672,9 @@ void FFmpegApi::flush()
         const int ret = av_write_trailer(oc);
         if (ret < 0)
             reportWriteError("Error writing the file trailer", ret);
-        complete = closeOutput() == 0 && ret >= 0;
+        // After a failed write the file is left as it is: it plays up to its last whole
+        // fragment, and a rewrite would need room that a full disk does not have.
+        complete = closeOutput() == 0 && ret >= 0 && !m_writeFailed;
     }
     release();
     if (complete)

@@ -21,6 +21,12 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+// What a host may link against: the media writer with its watermark and the snapshot
+// writers. Everything else in the library is hidden.
+#ifndef KWRECORDER_EXPORT
+#define KWRECORDER_EXPORT __attribute__((visibility("default")))
+#endif
+
 struct AVAudioFifo;
 class PeriodicSync;
 struct AVFilterContext;
@@ -65,8 +71,10 @@ int recordingFps(long long fps);
 
 int add_stream(OutputStream *ost, AVFormatContext *oc, const AVCodec **codec, AVCodecID codec_id,
                int bitrate, int fps, int width, int height, int audioChannel, int sampleRate);
-// Converts the top-left width x height pixels of an 8-bit BGR Mat into `frame`; 0, or -1
-// for another type or a scaler that cannot be made. `*scaler` is kept from call to call
+// Whether a camera frame of this OpenCV type can be recorded: 8-bit gray, BGR or BGRA.
+bool isCameraFrameType(int cvType);
+// Converts the top-left width x height pixels of an 8-bit gray, BGR or BGRA Mat into
+// `frame`; 0, or -1 for another type or a scaler that cannot be made. `*scaler` is kept from call to call
 // while the conversion's sizes and formats stay, and rebuilt when they change; the
 // caller frees it with sws_freeContext.
 int fill_yuv_image(AVFrame *frame, int width, int height, const cv::Mat &img,
@@ -77,7 +85,7 @@ int fill_yuv_image(AVFrame *frame, int width, int height, cv::Mat &img);
 // The media writer: one object writes one file, used by one thread at a time.
 // Order of use: setHasVideo/setHasAudio (and setWriteMode), open, then
 // write_video/write_audio as encodeVideo() says, then flush exactly once.
-class FFmpegApi
+class KWRECORDER_EXPORT FFmpegApi
 {
 public:
     // How the container is laid out and when its bytes reach the disk.
@@ -133,6 +141,9 @@ public:
     void setDriftCorrection(bool on) { m_driftCorrection = on; }
     // Samples per channel out of the resampler so far: the sound's timeline, 1/rate.
     int64_t audioSamplesOut() const { return audio_st.next_pts; }
+    // The first error a packet, the trailer or the close got (an AVERROR), 0 while every
+    // write succeeded. The file stays as far as it was written.
+    int writeError() const { return m_writeError; }
     // Drains both encoders, writes the trailer and releases everything; in
     // RecoverableThenStandard mode a fragmented MP4/MOV is then rewritten as a standard
     // one (or, when that fails, kept as it is after a message saying why).
@@ -192,6 +203,7 @@ private:
     AVFilterGraph *filter_graph = nullptr;
     bool m_headerWritten = false; // a trailer is owed
     bool m_writeFailed = false;   // a packet could not be written: told once, not per packet
+    int m_writeError = 0;         // the AVERROR of that first failed write
     WriteMode m_writeMode = WriteMode::RecoverableThenStandard;
     std::string m_path;           // the output's name, kept from open for flush
     bool m_fragmented = false;    // the output is a fragmented MP4/MOV
@@ -200,7 +212,7 @@ private:
 
 // The process-wide snapshot thread: frames queued from any thread are written to
 // /tmp/IMG_13.jpg in the background, in order.
-class FilterThread : public QThread
+class KWRECORDER_EXPORT FilterThread : public QThread
 {
 public:
     // Any thread. The instance lives until the process ends.

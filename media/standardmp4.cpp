@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 #include <vector>
 
@@ -183,12 +185,43 @@ std::string standardTempPath(const std::string &path)
     return dir + "." + name + ".finishing";
 }
 
+namespace {
+
+// Room beyond the original's size that the copy may need for its index, bytes.
+constexpr unsigned long long kCopyMargin = 1ULL << 20;
+
+// The copy is about as large as the original: on a disk without room for it, it is not
+// begun, so that a full disk never costs the playable original its last free blocks.
+bool hasRoomForCopy(Rewrite &r)
+{
+    struct stat st;
+    if (stat(r.path.c_str(), &st) != 0) {
+        r.error = std::string("stat: ") + strerror(errno);
+        return false;
+    }
+    struct statvfs fs;
+    if (statvfs(directoryOf(r.path).c_str(), &fs) != 0) {
+        r.error = std::string("statvfs: ") + strerror(errno);
+        return false;
+    }
+    const unsigned long long room = static_cast<unsigned long long>(fs.f_bavail) * fs.f_frsize;
+    const unsigned long long needed = static_cast<unsigned long long>(st.st_size) + kCopyMargin;
+    if (room < needed) {
+        r.error = "not enough free space for the copy (" + std::to_string(room) + " bytes free, "
+            + std::to_string(needed) + " needed)";
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
 bool rewriteAsStandardMp4(const std::string &path, std::string *error)
 {
     Rewrite r;
     r.path = path;
     r.temp = standardTempPath(path);
-    const bool ok = openInput(r) && createOutput(r) && copyPackets(r) && writeTrailer(r)
+    const bool ok = hasRoomForCopy(r) && openInput(r) && createOutput(r) && copyPackets(r) && writeTrailer(r)
         && syncTemp(r) && replaceOriginal(r);
     if (!ok && r.tempOpen) {
         if (r.out)

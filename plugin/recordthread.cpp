@@ -4,9 +4,11 @@
 #include "audio/audiocapturethread.h"
 #include "encode/ffmpegencode.h"
 #include "encode/videodatathread.h"
+#include "media/ffmpegapi.h"
 #include "media/ffmpeglog.h"
 
 #include <QDateTime>
+#include <QFileInfo>
 
 #include <QDebug>
 #include <chrono>
@@ -28,6 +30,14 @@ constexpr std::chrono::milliseconds kStopCheck{100};
 constexpr size_t kAnswersKept = 16;
 // Duration printed when no first frame ever started the recording.
 constexpr qint64 kNoDuration = -1;
+// A source with no frame ready is asked again after this long, or a frame period when
+// that is shorter: a non-blocking source costs no core, a ready frame waits little.
+constexpr std::chrono::milliseconds kNoFrameWait{10};
+// The status's counters and the checks for a recording that must end are refreshed this
+// often while recording.
+constexpr std::chrono::milliseconds kProgressPeriod{100};
+// The host's own stop, as the status says it.
+const char kStoppedByHost[] = "stopped by the host";
 
 qint64 nowMs()
 {
@@ -39,39 +49,53 @@ void logTime(int line, qint64 ms)
     qDebug() << line << "run" << ms;
 }
 
-// Brackets the session's use of the host component: endUse is the very last action,
-// also when the session is left by an exception.
+} // namespace
+
+// The frame source of one recording, pinned when it begins (or when the first one is set,
+// for a recording started without one): a source set later is used from the next
+// recording, and endUse reaches the source that got beginUse.
 class ComponentUse
 {
 public:
-    explicit ComponentUse(PluginComponent *component) : m_component(component)
-    {
-        if (m_component)
-            m_component->beginUse();
-    }
-    ~ComponentUse()
-    {
-        if (m_component)
-            m_component->endUse();
-    }
+    ComponentUse() = default;
+    ~ComponentUse() { end(); }
     ComponentUse(const ComponentUse &) = delete;
     ComponentUse &operator=(const ComponentUse &) = delete;
 
-private:
-    PluginComponent *m_component;
-};
+    PluginComponent *get() const { return m_component; }
+    void adopt(PluginComponent *component)
+    {
+        if (m_component || !component)
+            return;
+        m_component = component;
+        m_component->beginUse();
+    }
+    void end()
+    {
+        if (m_component)
+            m_component->endUse();
+        m_component = nullptr;
+    }
 
-} // namespace
+private:
+    PluginComponent *m_component = nullptr;
+};
 
 // The pipeline objects of one session. Declared in this order so that an exception
 // unwinds capture, feeder, encoder: each destructor stops and joins its own thread.
 struct RecordThread::Session {
+    ComponentUse use;                 // the frame source; ended after the pipeline is gone
     uint64_t generation = 0;          // the startRecord this session answers
     std::unique_ptr<FFmpegEncode> encoder;
     std::unique_ptr<VideoDataThread> feeder;
     std::unique_ptr<AudiocaptureThread> capture;
     qint64 startTime = kNoDuration;   // ms since the epoch; kNoDuration until the first frame
     qint64 endTime = kNoDuration;
+    QString file;                     // the output path
+    QString endReason;                // why it ends; empty: the host stopped it
+    long framesRefused = 0;           // camera frames of a type that cannot be recorded
+    bool micLost = false;             // the sound ended before the stop
+    std::chrono::steady_clock::time_point lastProgress; // when the status was last refreshed
 };
 
 RecordThread::RecordThread(QObject *parent)
@@ -103,7 +127,8 @@ void RecordThread::startRecord()
     if (d->wanted != 0)
         return; // a recording is requested: it is neither restarted nor disturbed
     const uint64_t generation = ++d->requested;
-    d->pending = RecordingSettings{d->hasVideo, d->hasAudio, d->recWidth, d->recHeight,
+    // The host's wishes, never what the last recording could get.
+    d->pending = RecordingSettings{d->wantVideo, d->wantAudio, d->recWidth, d->recHeight,
                                    d->fps, d->videoBitrate, d->filename};
     // A pause left over from the last recording must not start this one paused.
     d->paused = false;
@@ -139,6 +164,7 @@ bool RecordThread::hasVideo() const
 void RecordThread::setHasVideo(bool on)
 {
     std::unique_lock<std::mutex> lock(d->mutex);
+    d->wantVideo = on;
     d->hasVideo = on;
 }
 
@@ -150,6 +176,7 @@ bool RecordThread::hasAudio() const
 void RecordThread::setHasAudio(bool on)
 {
     std::unique_lock<std::mutex> lock(d->mutex);
+    d->wantAudio = on;
     d->hasAudio = on;
 }
 
@@ -231,6 +258,68 @@ bool RecordThread::waitForRecordStart(int msecs)
     return false; // superseded by newer generations before it was asked
 }
 
+RecordingStatus RecordThread::recordingStatus() const
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    return d->status;
+}
+
+// Session thread.
+void RecordThread::setState(RecordingStatus::State state)
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    d->status.state = state;
+}
+
+// Session thread: copies the writer's counters into the status, at most every
+// kProgressPeriod unless `force`. The encoder's lock is taken before, not under, the mutex.
+void RecordThread::publishProgress(Session &s, bool force)
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (!s.encoder || (!force && now - s.lastProgress < kProgressPeriod))
+        return;
+    s.lastProgress = now;
+    if (s.capture && !s.micLost && s.encoder->audioEnded())
+        s.micLost = true;
+    const FFmpegEncode::Progress p = s.encoder->progress();
+    long soundLostMs = p.soundLostMs;
+    // Sound that never came after the microphone was lost is sound lost.
+    if (s.micLost && p.videoSeconds > p.audioSeconds)
+        soundLostMs += long((p.videoSeconds - p.audioSeconds) * 1000);
+    const qint64 bytes = QFileInfo(s.file).size();
+    std::lock_guard<std::mutex> lock(d->mutex);
+    RecordingStatus &st = d->status;
+    st.seconds = p.seconds;
+    st.bytes = bytes;
+    st.framesWritten = p.framesWritten;
+    st.framesDropped = p.framesDropped;
+    st.framesRefused = s.framesRefused + p.framesRefused;
+    st.soundLostMs = soundLostMs;
+    st.soundFilledMs = p.soundFilledMs;
+}
+
+// Session thread: the recording must end by itself (the writer failed or stalled, or an
+// audio-only recording lost its microphone); the reason is kept.
+bool RecordThread::shouldEnd(Session &s)
+{
+    publishProgress(s, false);
+    if (!s.encoder || !s.encoder->hasFailed())
+        return false;
+    if (s.endReason.isEmpty())
+        s.endReason = s.encoder->failure();
+    return true;
+}
+
+// Session thread, once the file is finished: the final counters and why it ended.
+void RecordThread::endStatus(Session &s)
+{
+    publishProgress(s, true);
+    std::lock_guard<std::mutex> lock(d->mutex);
+    const bool byHost = s.endReason.isEmpty();
+    d->status.state = byHost ? RecordingStatus::State::Finished : RecordingStatus::State::Failed;
+    d->status.endReason = byHost ? QString::fromLatin1(kStoppedByHost) : s.endReason;
+}
+
 // Publishes the answer for `generation` and wakes every waiter; the caller holds the mutex.
 void RecordThread::answerLocked(uint64_t generation, bool recording)
 {
@@ -268,13 +357,25 @@ void RecordThread::run()
             s.generation = d->wanted;
             settings = d->pending;
         }
+        {
+            std::lock_guard<std::mutex> lock(d->mutex);
+            d->status = RecordingStatus{};
+            d->status.state = RecordingStatus::State::Starting;
+            d->status.file = settings.filename;
+        }
+        s.file = settings.filename;
         try {
             runSession(s, settings);
         } catch (const std::exception &e) {
             qWarning() << "recording session ended by an exception:" << e.what();
+            s.endReason = QStringLiteral("an internal error: %1").arg(QString::fromUtf8(e.what()));
         } catch (...) {
             qWarning() << "recording session ended by an unknown exception";
+            s.endReason = QStringLiteral("an internal error");
         }
+        s.encoder.reset();
+        s.use.end();
+        endStatus(s);
         std::lock_guard<std::mutex> lock(d->mutex);
         d->recording = false;
         answerLocked(s.generation, false);
@@ -321,14 +422,19 @@ bool RecordThread::openMicrophone(Session &s)
 void RecordThread::runSession(Session &s, const RecordingSettings &settings)
 {
     d->recording = false;
+    d->hasVideo = settings.video;
+    d->hasAudio = settings.audio;
     if (!settings.audio && !settings.video) {
         qDebug() << "未配置录制视频或者音频";
+        s.endReason = QStringLiteral("nothing to record: neither video nor sound is wanted");
         answerStart(s.generation, false);
         return;
     }
 
-    ComponentUse use(d->component.load());
-    // Destroyed before `use`: endUse comes after the whole pipeline is gone.
+    // Audio-only recordings take no frames: their source is neither pinned nor used.
+    if (settings.video)
+        s.use.adopt(d->component.load());
+    // endUse comes after the whole pipeline is gone.
     struct Teardown {
         Session &s;
         ~Teardown()
@@ -336,11 +442,14 @@ void RecordThread::runSession(Session &s, const RecordingSettings &settings)
             s.capture.reset();
             s.feeder.reset();
             s.encoder.reset();
+            s.use.end();
         }
     } teardown{s};
     s.encoder = std::make_unique<FFmpegEncode>();
     const bool audio = settings.audio && openMicrophone(s);
     if (!audio && (!settings.video || !stillWanted(s))) {
+        if (stillWanted(s))
+            s.endReason = QStringLiteral("the microphone could not be opened");
         answerStart(s.generation, false);
         return;
     }
@@ -363,6 +472,8 @@ void RecordThread::runSession(Session &s, const RecordingSettings &settings)
     // written must answer false to waitForRecordStart instead of a brief true.
     if (!encoder.waitForOpen()) {
         qDebug() << "record failed: the output file could not be opened";
+        s.endReason = encoder.hasFailed() ? encoder.failure()
+                                          : QStringLiteral("the output could not be opened");
         stopAfterFailedOpen(s);
         return;
     }
@@ -372,6 +483,12 @@ void RecordThread::runSession(Session &s, const RecordingSettings &settings)
     if (audio && !encoder.recAudio()) {
         d->hasAudio = false;
         s.capture.reset();
+    }
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        d->status.video = encoder.recVideo();
+        d->status.audio = encoder.recAudio();
+        d->status.state = RecordingStatus::State::Recording;
     }
 
     if (encoder.recVideo())
@@ -387,6 +504,33 @@ static void startCapture(AudiocaptureThread &capture, FFmpegEncode &encoder)
     capture.startRecord();
 }
 
+// Waits up to `period` for a stop, a pause or resume after a source had no frame ready;
+// false once the recording is no longer wanted.
+bool RecordThread::waitForFrame(const Session &s, std::chrono::milliseconds period)
+{
+    std::unique_lock<std::mutex> lock(d->mutex);
+    const bool paused = d->paused;
+    d->controlCondition.wait_for(lock, std::min(kNoFrameWait, period),
+                                 [&] { return !stillWanted(s) || d->paused != paused; });
+    return stillWanted(s);
+}
+
+// Asks the pinned source for a frame; true when `frame` holds one that can be recorded.
+// A frame of another pixel type is refused, counted and reported once per recording.
+// Throws what the source throws.
+bool RecordThread::takeFrame(Session &s, cv::Mat &frame)
+{
+    if (!s.use.get()->getFrame(frame) || !frame.data || frame.dims <= 0 || frame.total() == 0)
+        return false;
+    if (isCameraFrameType(frame.type()))
+        return true;
+    if (s.framesRefused++ == 0)
+        qWarning().noquote() << QStringLiteral("camera frames of OpenCV type %1 cannot be recorded: "
+                                               "they are refused (8-bit gray, BGR and BGRA are taken)")
+                                    .arg(frame.type());
+    return false;
+}
+
 void RecordThread::recordVideo(Session &s)
 {
     s.feeder = std::make_unique<VideoDataThread>();
@@ -394,15 +538,20 @@ void RecordThread::recordVideo(Session &s)
     if (s.capture)
         s.capture->startThread();
     answerStart(s.generation, true);
+    const std::chrono::milliseconds period(std::max(1, 1000 / recordingFps(s.encoder->fps())));
 
     bool firstFramePending = true;
-    while (stillWanted(s)) {
+    bool wasPaused = false;
+    while (stillWanted(s) && !shouldEnd(s)) {
         const bool paused = d->paused;
         if (s.capture)
             s.capture->setPause(paused);
         feeder.setPause(paused);
-        PluginComponent *component = d->component.load();
-        if (paused || !component) {
+        if (paused != wasPaused)
+            setState(paused ? RecordingStatus::State::Paused : RecordingStatus::State::Recording);
+        wasPaused = paused;
+        s.use.adopt(d->component.load());
+        if (paused || !s.use.get()) {
             // Nothing is taken while paused; a video recording without a frame source
             // records nothing until it gets one.
             waitWhileIdle(s, paused, true);
@@ -411,23 +560,26 @@ void RecordThread::recordVideo(Session &s)
         bool handed = false;
         {
             cv::Mat frame;
-            bool got = false;
             try {
-                got = component->getFrame(frame);
+                handed = takeFrame(s, frame);
             } catch (const std::exception &e) {
                 // The recording so far is kept: stop as if the host had asked to.
                 qWarning() << "getFrame threw, stopping the recording:" << e.what();
+                s.endReason = QStringLiteral("the frame source failed: %1").arg(QString::fromUtf8(e.what()));
                 break;
             } catch (...) {
                 qWarning() << "getFrame threw, stopping the recording";
+                s.endReason = QStringLiteral("the frame source failed");
                 break;
             }
-            if (got && frame.data && frame.dims > 0 && frame.total() > 0) {
+            if (handed)
                 feeder.setData(frame);
-                handed = true;
-            }
         }
-        if (handed && firstFramePending) {
+        if (!handed) {
+            waitForFrame(s, period);
+            continue;
+        }
+        if (firstFramePending) {
             startBehindFirstFrame(s);
             firstFramePending = false;
         }
@@ -483,9 +635,14 @@ void RecordThread::stopVideo(Session &s)
     printf("msecs:%d\n", static_cast<int>(duration));
     fflush(stdout);
 
+    // A writer that failed may be stuck on a stalled disk: the host is told at once.
+    if (!s.endReason.isEmpty())
+        d->recording = false;
+    setState(RecordingStatus::State::Finishing);
     s.encoder->finish();
     d->recording = false;
     qDebug() << "record over";
+    endStatus(s);
     s.encoder.reset();
 }
 
@@ -509,15 +666,23 @@ void RecordThread::recordAudioOnly(Session &s)
     logTime(__LINE__, s.startTime);
     answerStart(s.generation, true);
 
-    while (stillWanted(s)) {
+    while (stillWanted(s) && !shouldEnd(s)) {
         const bool paused = d->paused;
         capture.setPause(paused);
+        setState(paused ? RecordingStatus::State::Paused : RecordingStatus::State::Recording);
+        if (s.micLost) {
+            s.endReason = QStringLiteral("the microphone was lost");
+            break;
+        }
         waitWhileIdle(s, paused, false);
     }
 
     s.endTime = nowMs();
     logTime(__LINE__, s.endTime);
     s.capture.reset();
+    if (!s.endReason.isEmpty())
+        d->recording = false;
+    setState(RecordingStatus::State::Finishing);
     encoder.finish();
 
     const qint64 duration = durationMs(s.startTime, s.endTime);
@@ -526,5 +691,6 @@ void RecordThread::recordAudioOnly(Session &s)
     printf("msec:%d\n", static_cast<int>(duration));
     fflush(stdout);
     d->recording = false;
+    endStatus(s);
     s.encoder.reset();
 }

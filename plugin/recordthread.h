@@ -2,8 +2,11 @@
 #define RECORDTHREAD_H
 
 #include <QThread>
+#include <chrono>
+#include <opencv2/core/mat.hpp>
 
 #include "ffmpegplugin.h"
+#include "recordingstatus.h"
 
 class RecordThreadPrivate;
 struct RecordingSettings;
@@ -11,11 +14,11 @@ struct RecordingSettings;
 // The plugin instance: keeps the recording settings, turns the host's calls into flags,
 // and runs one recording session per run of its own thread.
 // Every FFMPEGPlugin operation may be called from any host thread.
-class RecordThread : public QThread, public FFMPEGPlugin
+class RecordThread : public QThread, public FFMPEGPlugin, public FFMPEGPluginStatus
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID FFMPEGPlugin_iid FILE "recordthread.json")
-    Q_INTERFACES(FFMPEGPlugin)
+    Q_INTERFACES(FFMPEGPlugin FFMPEGPluginStatus)
 
 public:
     explicit RecordThread(QObject *parent = nullptr);
@@ -40,6 +43,7 @@ public:
     unsigned int videoBitrate() const override;
     void setVideoBitrate(unsigned int bitrate) override;
     bool waitForRecordStart(int msecs) override;
+    RecordingStatus recordingStatus() const override;
 
 protected:
     void run() override;
@@ -57,6 +61,12 @@ private:
     void recordAudioOnly(Session &s);
     void answerStart(uint64_t generation, bool recording);
     void answerLocked(uint64_t generation, bool recording);
+    bool waitForFrame(const Session &s, std::chrono::milliseconds period);
+    bool takeFrame(Session &s, cv::Mat &frame);
+    void publishProgress(Session &s, bool force);
+    void setState(RecordingStatus::State state);
+    void endStatus(Session &s);
+    bool shouldEnd(Session &s);
 
     RecordThreadPrivate *d;
 };

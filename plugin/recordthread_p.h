@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "media/threadexit.h"
+#include "recordingstatus.h"
 
 class PluginComponent;
 
@@ -34,8 +35,10 @@ class RecordThreadPrivate
 public:
     std::atomic<bool> recording{false};     // a session is recording; written by the session
     std::atomic<bool> paused{false};        // pause requested
-    std::atomic<bool> hasVideo{true};       // record video
-    std::atomic<bool> hasAudio{true};       // record audio; cleared when the microphone fails
+    // What the current (or last) recording has; the setters write it too, so that a host
+    // reads back what it set until a recording says otherwise.
+    std::atomic<bool> hasVideo{true};
+    std::atomic<bool> hasAudio{true};
     std::atomic<long> recWidth{1024};       // pixels, even
     std::atomic<long> recHeight{768};       // pixels, even
     std::atomic<int> fps{10};               // frames per second
@@ -51,6 +54,9 @@ public:
 
     // Guarded by mutex.
     QString filename = QStringLiteral("out.mp4"); // output path
+    bool wantVideo = true;       // the host's wish for the next recording, never an outcome
+    bool wantAudio = true;
+    RecordingStatus status;      // of the current or last recording; written by the session
     uint64_t requested = 0;      // the newest generation (0: none yet)
     RecordingSettings pending;   // the settings `requested` was asked with
     uint64_t answered = 0;       // the newest generation that has its answer
