@@ -310,6 +310,14 @@ bool RecordThread::shouldEnd(Session &s)
     return true;
 }
 
+// Session thread, before the file is finished: the host learns at once why it ends.
+void RecordThread::beginFinishing(Session &s)
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    d->status.state = RecordingStatus::State::Finishing;
+    d->status.endReason = s.endReason.isEmpty() ? QString::fromLatin1(kStoppedByHost) : s.endReason;
+}
+
 // Session thread, once the file is finished: the final counters and why it ended.
 void RecordThread::endStatus(Session &s)
 {
@@ -431,9 +439,7 @@ void RecordThread::runSession(Session &s, const RecordingSettings &settings)
         return;
     }
 
-    // Audio-only recordings take no frames: their source is neither pinned nor used.
-    if (settings.video)
-        s.use.adopt(d->component.load());
+    s.use.adopt(d->component.load());
     // endUse comes after the whole pipeline is gone.
     struct Teardown {
         Session &s;
@@ -638,7 +644,7 @@ void RecordThread::stopVideo(Session &s)
     // A writer that failed may be stuck on a stalled disk: the host is told at once.
     if (!s.endReason.isEmpty())
         d->recording = false;
-    setState(RecordingStatus::State::Finishing);
+    beginFinishing(s);
     s.encoder->finish();
     d->recording = false;
     qDebug() << "record over";
@@ -682,7 +688,7 @@ void RecordThread::recordAudioOnly(Session &s)
     s.capture.reset();
     if (!s.endReason.isEmpty())
         d->recording = false;
-    setState(RecordingStatus::State::Finishing);
+    beginFinishing(s);
     encoder.finish();
 
     const qint64 duration = durationMs(s.startTime, s.endTime);

@@ -65,6 +65,7 @@ private:
     bool takeFrame(Session &s, cv::Mat &frame);
     void publishProgress(Session &s, bool force);
     void setState(RecordingStatus::State state);
+    void beginFinishing(Session &s);
     void endStatus(Session &s);
     bool shouldEnd(Session &s);
 

@@ -9,6 +9,7 @@
 #include <chrono>
 
 #include "plugin/ffmpegplugin.h"
+#include "plugin/recordingstatus.h"
 
 // The built plugin as a host holds it: loaded by path with QPluginLoader, cast to the
 // recording interface. On destruction it stops any recording, waits for the session
@@ -26,6 +27,13 @@ public:
     QString error() const { return m_error; }
     FFMPEGPlugin *operator->() const { return m_recorder; }
     QThread *thread() const { return qobject_cast<QThread *>(m_instance); }
+    // The status through the optional interface, as a host reaches it; a default status
+    // (state Idle) when the instance does not have it.
+    RecordingStatus status() const
+    {
+        const auto *s = qobject_cast<FFMPEGPluginStatus *>(m_instance.data());
+        return s ? s->recordingStatus() : RecordingStatus{};
+    }
 
     // stopRecord, then polls until isRecording() is false and the session thread has
     // returned; false when that took longer than `timeout`.

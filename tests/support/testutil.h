@@ -41,6 +41,8 @@ long residentKiB();
 // Resident size of what is in use: free heap pages go back to the system first, so that
 // the allocator's cache does not pass for growth.
 long residentInUseKiB();
+// CPU time of every thread of this process so far, seconds.
+double processCpuSeconds();
 
 } // namespace testutil
 
