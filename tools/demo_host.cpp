@@ -27,6 +27,7 @@ extern "C" {
 
 #include "commandline.h"
 #include "ffmpegplugin.h"
+#include "recordingstatus.h"
 #include "media/ffmpegapi.h"
 #include "syntheticcamera.h"
 
@@ -308,6 +309,11 @@ int main(int argc, char **argv)
         const double t = std::chrono::duration<double>(now - start).count();
         if (t >= o.seconds)
             break;
+        if (!recorder->isRecording()) {
+            progress.breakLine();
+            std::printf("the recording ended by itself at %.1f s\n", t);
+            break;
+        }
         if (o.pauseAt >= 0 && !paused && now >= at(o.pauseAt)) {
             paused = recorder->bPauseRec();
             progress.breakLine();
@@ -343,6 +349,9 @@ int main(int argc, char **argv)
 
     if (o.audio && !recorder->hasAudio())
         std::printf("no sound card with a microphone was found: the clip has video only\n");
+    // What the recorder says it did, when it offers its status.
+    if (const auto *status = qobject_cast<FFMPEGPluginStatus *>(instance))
+        std::printf("recorder: %s\n", qPrintable(status->recordingStatus().summary()));
     const bool ok = printSummary(o.out);
     return ok ? 0 : 1;
 }

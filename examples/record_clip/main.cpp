@@ -8,6 +8,7 @@
 #include <thread>
 
 #include <ffmpegplugin.h>
+#include <recordingstatus.h>
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -73,8 +74,18 @@ int main(int argc, char **argv)
     }
     std::this_thread::sleep_for(std::chrono::seconds(3));
     recorder->stopRecord();
-    while (recorder->isRecording())
+    // The status interface is optional: a plugin without it is waited for as before.
+    const auto *status = qobject_cast<FFMPEGPluginStatus *>(loader.instance());
+    const auto ended = [&] {
+        if (!status)
+            return !recorder->isRecording();
+        const RecordingStatus::State s = status->recordingStatus().state;
+        return s == RecordingStatus::State::Finished || s == RecordingStatus::State::Failed;
+    };
+    while (!ended())
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (status)
+        std::printf("%s\n", qPrintable(status->recordingStatus().summary()));
 
     int video = 0, audio = 0;
     if (!probe(out.toUtf8().constData(), video, audio)) {

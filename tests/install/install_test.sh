@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the built project into a temporary prefix, builds the example host against the
-# installed package and runs it.
+# Installs the built project into a temporary prefix, compiles a consumer of each installed
+# header on its own, builds the example host against the installed package and runs it.
 # usage: install_test.sh BUILD_DIR SOURCE_DIR [SANITIZE]
 set -euo pipefail
 build=$1
@@ -14,6 +14,24 @@ test -f "$work/prefix/include/kwrecorder/ffmpegplugin.h"
 test -f "$work/prefix/lib/pkgconfig/kwrecorder.pc" || test -n "$(ls "$work"/prefix/lib/*/pkgconfig/kwrecorder.pc 2>/dev/null)"
 plugin=$(find "$work/prefix" -name libffmpegplugin.so | head -n 1)
 test -n "$plugin"
+
+# Only the entry points, the media writer and the snapshot writers are exported.
+internal=$(nm -DC --defined-only "$plugin" | grep -E 'FFmpegEncode|VideoDataThread|AudiocaptureThread|RecordThread|SoundTimeline|FrameSchedule' || true)
+if [ -n "$internal" ]; then
+  echo "internal symbols are exported:" >&2
+  echo "$internal" | head -n 5 >&2
+  exit 1
+fi
+
+pc=$(dirname "$(find "$work/prefix" -name kwrecorder.pc | head -n 1)")
+for header in "$work"/prefix/include/kwrecorder/*.h; do
+  name=$(basename "$header")
+  printf '#include <%s>\n#include <%s>\n' "$name" "$name" > "$work/consumer.cpp"
+  # shellcheck disable=SC2046
+  g++ -std=c++17 -fPIC -Wall -Werror -fsyntax-only "$work/consumer.cpp" \
+    $(PKG_CONFIG_PATH="$pc" pkg-config --cflags kwrecorder libavformat libavcodec) \
+    || { echo "installed header $name does not compile on its own" >&2; exit 1; }
+done
 
 flags=()
 if [ -n "$sanitize" ]; then

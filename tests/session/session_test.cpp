@@ -581,14 +581,17 @@ TEST_F(SessionTest, OverloadDropsFramesButKeepsMemoryBoundedAndThePictureWithThe
     EXPECT_NEAR(f.video()->durationSeconds(), f.audio()->durationSeconds(), 1.0 / kFps);
 }
 
-// A recording that cannot go on ends by itself, keeps what it wrote playable and tells the
-// host why. `during` starts it and makes it fail; the status is read once it has ended.
+// A recording that cannot go on ends by itself within `within` and tells the host why at
+// once; the status once its session is over (a stop is sent too, so that a recorder that
+// would not end by itself cannot hold the test).
 RecordingStatus endsByItself(LoadedRecorder &rec, std::chrono::seconds within)
 {
     EXPECT_TRUE(testutil::pollUntil([&] { return !rec->isRecording(); }, within));
-    EXPECT_TRUE(rec.waitSessionEnd(60s));
+    const QString toldAtOnce = rec.status().endReason;
+    EXPECT_TRUE(rec.stopAndWait(60s));
     const RecordingStatus st = rec.status();
     EXPECT_EQ(st.state, RecordingStatus::State::Failed);
+    EXPECT_EQ(st.endReason, toldAtOnce);
     return st;
 }
 
@@ -654,7 +657,8 @@ TEST_F(SessionTest, AStalledDiskBoundsTheSoundQueueAndEndsTheRecording)
         EXPECT_TRUE(testutil::pollUntil([&] { return !rec->isRecording(); },
                                         std::chrono::seconds(int(FFmpegEncode::kMaxQueuedSoundSeconds) + 10)));
         st = rec.status();
-        reading = true;
+        rec->stopRecord();
+        reading = true; // the writer may finish once the disk moves again
         EXPECT_TRUE(rec.waitSessionEnd(60s));
     });
     disk.join();

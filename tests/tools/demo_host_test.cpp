@@ -81,6 +81,8 @@ TEST(DemoHostTest, ARecordingDescribesItsFileAndPrintsNoFfmpegInformation)
     const HostRun quiet = runDemoHost(args);
     ASSERT_EQ(quiet.exitCode, 0) << quiet.out << quiet.err;
     EXPECT_NE(quiet.out.find("stream 0: video h264 160x120"), std::string::npos) << quiet.out;
+    EXPECT_NE(quiet.out.find(": finished, video, "), std::string::npos) << quiet.out;
+    EXPECT_NE(quiet.out.find("; ended: stopped by the host\n"), std::string::npos) << quiet.out;
     for (const char *line : kInformationLines) {
         EXPECT_EQ(quiet.err.find(line), std::string::npos) << line << "\n" << quiet.err;
         EXPECT_EQ(quiet.out.find(line), std::string::npos) << line << "\n" << quiet.out;
