@@ -283,9 +283,11 @@ void RecordThread::publishProgress(Session &s, bool force)
         s.micLost = true;
     const FFmpegEncode::Progress p = s.encoder->progress();
     long soundLostMs = p.soundLostMs;
-    // Sound that never came after the microphone was lost is sound lost.
-    if (s.micLost && p.videoSeconds > p.audioSeconds)
-        soundLostMs += long((p.videoSeconds - p.audioSeconds) * 1000);
+    // Sound that never came (a microphone lost or stalled) leaves the sound shorter than the
+    // picture by more than the last frame.
+    const double shortBy = p.videoSeconds - p.audioSeconds - 1.0 / recordingFps(s.encoder->fps());
+    if (s.encoder->recAudio() && s.encoder->recVideo() && shortBy > 0)
+        soundLostMs += long(shortBy * 1000);
     const qint64 bytes = QFileInfo(s.file).size();
     std::lock_guard<std::mutex> lock(d->mutex);
     RecordingStatus &st = d->status;

@@ -29,7 +29,8 @@ for header in "$work"/prefix/include/kwrecorder/*.h; do
   printf '#include <%s>\n#include <%s>\n' "$name" "$name" > "$work/consumer.cpp"
   # shellcheck disable=SC2046
   g++ -std=c++17 -fPIC -Wall -Werror -fsyntax-only "$work/consumer.cpp" \
-    $(PKG_CONFIG_PATH="$pc" pkg-config --cflags kwrecorder libavformat libavcodec) \
+    $(PKG_CONFIG_PATH="$pc" pkg-config --define-variable=prefix="$work/prefix" --cflags-only-I kwrecorder) \
+    $(pkg-config --cflags Qt5Core libavformat libavcodec) \
     || { echo "installed header $name does not compile on its own" >&2; exit 1; }
 done
 

@@ -568,8 +568,11 @@ TEST_F(SessionTest, OverloadDropsFramesButKeepsMemoryBoundedAndThePictureWithThe
     // once the queue is full, and the newest frame is always kept.
     EXPECT_GE(r.peakQueuedFrames, 1);
     EXPECT_LE(r.peakQueuedFrames, kFps);
+    const double frameMiB = 3840.0 * 2160 * 3 / (1 << 20);
     if (r.framesDropped > 0) {
-        EXPECT_EQ(r.peakQueuedFrames, kFps);
+        EXPECT_TRUE(r.peakQueuedFrames == kFps
+                    || r.peakQueuedMiB > double(FFmpegEncode::kMaxQueuedVideoBytes >> 20) - frameMiB)
+            << r.peakQueuedFrames << " frames, " << r.peakQueuedMiB << " MiB";
     }
     EXPECT_LE(r.peakQueuedMiB, double(FFmpegEncode::kMaxQueuedVideoBytes >> 20));
     // No growth once the queue is full (unbounded, it would grow by 500 MiB a second).
