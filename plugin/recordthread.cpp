@@ -530,7 +530,7 @@ bool RecordThread::takeFrame(Session &s, cv::Mat &frame)
 {
     if (!s.use.get()->getFrame(frame) || !frame.data || frame.dims <= 0 || frame.total() == 0)
         return false;
-    if (isCameraFrameType(frame.type()))
+    if (frame.dims == 2 && isCameraFrameType(frame.type()))
         return true;
     if (s.framesRefused++ == 0)
         qWarning().noquote() << QStringLiteral("camera frames of OpenCV type %1 cannot be recorded: "

@@ -194,6 +194,23 @@ TEST_F(PipelineTest, TheFeederTakesTheNewestFrameOncePerPeriodOfTheClockAndNoneW
     EXPECT_GT(n.back() - n.front(), 2 * long(n.size() - 1));
 }
 
+// An error on a worker thread (here OpenCV refusing to scale a 3-D picture) ends the
+// recording with its reason instead of ending the process.
+TEST_F(PipelineTest, AnErrorOnAWorkerThreadEndsTheRecordingWithItsReason)
+{
+    configure("error.mkv", true, false);
+    VideoDataThread feeder;
+    record([&] {
+        const int sizes[] = {4, kH, kW};
+        cv::Mat cube(3, sizes, CV_8UC3, cv::Scalar::all(9));
+        feeder.setData(cube);
+        feeder.start(&e);
+        EXPECT_TRUE(testutil::pollUntil([&] { return e.hasFailed(); }, 10s));
+        feeder.stop();
+    });
+    EXPECT_TRUE(e.failure().startsWith(QStringLiteral("an internal error: "))) << qPrintable(e.failure());
+}
+
 TEST_F(PipelineTest, FramesOfEverySizeTheHostSwitchesToDecodeAsTheirOwnConversion)
 {
     // The feeder scales once per camera frame (nearest neighbour) and the writer keeps its
