@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "media/ffmpegapi.h"
 #include "soundtimeline.h"
@@ -449,7 +448,6 @@ void FFmpegEncode::writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi
         lock.lock();
         return; // the picture began after this block ended
     }
-    const int64_t lostBefore = p.skip;
     if (p.skip > 0) {
         block.samples.erase(block.samples.begin(), block.samples.begin() + p.skip * block.channels);
         block.frames -= static_cast<int>(p.skip);
@@ -458,7 +456,7 @@ void FFmpegEncode::writeFirstAudio(std::unique_lock<std::mutex> &lock, FFmpegApi
     checkWriter(writer);
     lock.lock();
     filledSoundFrames += p.leadSilence;
-    lostSoundFrames += lostBefore;
+    lostSoundFrames += p.skip;
     soundFramesOut = writer.audioSamplesOut();
 }
 
