@@ -598,6 +598,10 @@ TEST_F(SessionTest, AFullDiskEndsTheRecordingByItselfAndKeepsItPlayable)
     std::filesystem::create_directory(mount);
     if (geteuid() != 0 || std::system(("mount -t tmpfs -o size=3m tmpfs " + mount).c_str()) != 0)
         GTEST_SKIP() << "needs root and a tmpfs mount to make a full disk";
+    struct Unmount {
+        std::string dir;
+        ~Unmount() { EXPECT_EQ(std::system(("umount " + dir).c_str()), 0); }
+    } unmount{mount};
     const std::string file = mount + "/full.mp4";
     CyclingCamera camera(noisePictures(320, 240), 25);
     rec->vSetRecSize(320, 240);
@@ -618,7 +622,6 @@ TEST_F(SessionTest, AFullDiskEndsTheRecordingByItselfAndKeepsItPlayable)
     const MediaFile f = readableOrAbsent(file, false);
     EXPECT_GT(f.videoSeconds(), 0.5);
     EXPECT_FALSE(std::filesystem::exists(mount + "/.full.mp4.finishing")); // no copy left behind
-    EXPECT_EQ(std::system(("umount " + mount).c_str()), 0);
 }
 
 // A disk that stalls (a pipe nobody reads): the sound queue stays within its bound and the
