@@ -6,6 +6,7 @@
 #include <QThread>
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <opencv2/core/mat.hpp>
 #include <memory>
@@ -107,6 +108,11 @@ public:
     bool hasAudio() const { return m_hasAudio; }
     void setWriteMode(WriteMode mode) { m_writeMode = mode; }
     WriteMode writeMode() const { return m_writeMode; }
+    // Before open: asked while the output file is being opened; true gives the open up.
+    void setStopRequest(std::function<bool()> stopRequested)
+    {
+        m_stopRequested = std::move(stopRequested);
+    }
 
     // 0, or -1 after a message naming what failed.
     int open(char *filename, int videoBitrate, int fps, int width, int height,
@@ -155,6 +161,7 @@ public:
 
 private:
     int openOutput(AVDictionary *options, int audioChannel, int audioSampleRate);
+    int openFile();
     int openAudio(AVDictionary *options, int inputChannels);
     int openResampler(int inputChannels);
     bool reserveResamplerOutput(int samples);
@@ -194,6 +201,7 @@ private:
     bool m_writeFailed = false;   // a packet could not be written: told once, not per packet
     WriteMode m_writeMode = WriteMode::RecoverableThenStandard;
     std::string m_path;           // the output's name, kept from open for flush
+    std::function<bool()> m_stopRequested; // the recording is no longer wanted
     bool m_fragmented = false;    // the output is a fragmented MP4/MOV
     std::unique_ptr<PeriodicSync> m_sync; // syncs a Recoverable output while it is written
 };

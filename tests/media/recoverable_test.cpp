@@ -143,14 +143,25 @@ TEST(RecoverableTest, AFileBeingWrittenPlaysUpToAboutTheLastSecondAndAStopLeaves
 TEST(RecoverableTest, AFailedRewriteKeepsTheFragmentedFileAndSaysWhy)
 {
     testutil::TempDir dir;
-    // The copy's name is taken by a directory, which is not ours to remove.
-    const std::string taken = dir.file("taken.mp4"), takenCopy = standardTempPath(taken);
-    std::filesystem::create_directory(takenCopy);
-    expectKeptAfterFailedRewrite(taken, "creating " + takenCopy + ": Is a directory");
-    EXPECT_TRUE(std::filesystem::is_directory(takenCopy));
-    // The copy meets a full disk (buffered: at the latest at the index), and is removed.
-    const std::string full = dir.file("full.mp4"), fullCopy = standardTempPath(full);
-    std::filesystem::create_symlink("/dev/full", fullCopy);
-    expectKeptAfterFailedRewrite(full, " " + fullCopy + ": No space left on device");
-    EXPECT_FALSE(std::filesystem::exists(fullCopy));
+    // A name the file system takes, whose temporary copy's name it does not.
+    const std::string longName = dir.file(std::string(240, 'n') + ".mp4");
+    expectKeptAfterFailedRewrite(longName, "creating a file beside " + longName + ": File name too long");
+}
+
+TEST(RecoverableTest, NamesPlantedWhereTheCopyIsMadeAreNeitherFollowedNorInTheWay)
+{
+    testutil::TempDir dir;
+    const std::string victim = dir.file("victim"), file = dir.file("r.mp4");
+    testutil::writeFileBytes(victim, "the user's own");
+    std::filesystem::create_symlink(victim, standardTempPath(file));
+    std::filesystem::create_directory(standardTempPath(file) + ".XXXXXX");
+    const Content c{true, true, 30, 45};
+    EXPECT_EQ(record(file, c, WriteMode::RecoverableThenStandard), "");
+    EXPECT_EQ(testutil::readFileBytes(victim), "the user's own");
+    EXPECT_FALSE(std::filesystem::is_symlink(file));
+    EXPECT_TRUE(isStandardLayout(topLevelBoxes(file))) << topLevelBoxes(file);
+    EXPECT_EQ(decoded(file).framePts.size(), size_t(c.frames));
+    // Made public as the user's other files are: not executable, no more than 0644.
+    EXPECT_EQ(std::filesystem::status(file).permissions() & ~std::filesystem::perms(0644),
+              std::filesystem::perms::none);
 }

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
+#include <sys/stat.h>
 #include <functional>
 
 #include "media/ffmpegapi.h"
@@ -209,4 +211,45 @@ TEST_F(WriterTest, FailuresOfOpenSayWhatFailedAndReturnMinusOne)
         EXPECT_EQ(open(w, row.name, row.settings), -1) << row.name;
         EXPECT_NE(printed.find(row.says), std::string::npos) << printed;
     }
+}
+
+TEST_F(WriterTest, OnlyALocalFileIsWrittenAndNothingPlantedAtItsNameIsFollowed)
+{
+    const std::filesystem::path home = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path()); // the names below are relative, as users give them
+    testutil::writeFileBytes("victim", "the user's own");
+    std::filesystem::create_symlink("victim", "link.mp4");
+    ASSERT_EQ(mkfifo("fifo.mp4", 0600), 0);
+    const struct {
+        std::string name, why;
+    } refused[] = {{"http://127.0.0.1:9/x.mp4", "not a http: name"},
+                   {"pipe:1", "not a pipe: name"},
+                   {"link.mp4", "Too many levels of symbolic links"},
+                   {"fifo.mp4", "No such device or address"}}; // no reader: not waited for
+    for (const auto &row : refused) {
+        FFmpegApi w;
+        std::string name = row.name;
+        printed = testutil::captureStdout([&] {
+            EXPECT_EQ(w.open(name.data(), 800000, 25, 160, 120, 1, 48000), -1) << row.name;
+        });
+        EXPECT_NE(printed.find("cannot open :" + row.name + "\n("), std::string::npos) << printed;
+        EXPECT_NE(printed.find(row.why + ")\n"), std::string::npos) << printed;
+    }
+    EXPECT_EQ(testutil::readFileBytes("victim"), "the user's own");
+    {
+        FFmpegApi w;
+        std::string name = "lesson-12:30.mp4";
+        w.setHasAudio(false);
+        printed = testutil::captureStdout([&] {
+            ASSERT_EQ(w.open(name.data(), 800000, 25, 160, 120, 1, 48000), 0);
+            for (int k = 0; k < 5; ++k)
+                ASSERT_EQ(w.write_video(textureImage(160, 120, k)), 0);
+            w.flush();
+        });
+    }
+    std::filesystem::current_path(home);
+    MediaFile f;
+    std::string err;
+    ASSERT_TRUE(readMediaFile(dir.file("lesson-12:30.mp4"), f, &err)) << err << printed;
+    EXPECT_EQ(f.framePts.size(), 5u);
 }

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <malloc.h>
 #include <stdexcept>
@@ -99,6 +100,17 @@ long residentInUseKiB()
 {
     malloc_trim(0);
     return residentKiB();
+}
+
+std::string readFileBytes(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void writeFileBytes(const std::string &path, const std::string &bytes)
+{
+    std::ofstream(path, std::ios::binary) << bytes;
 }
 
 } // namespace testutil

@@ -28,6 +28,10 @@ private:
     std::string m_path;
 };
 
+// The whole content of a file ("" when it cannot be read), and a file made to hold `bytes`.
+std::string readFileBytes(const std::string &path);
+void writeFileBytes(const std::string &path, const std::string &bytes);
+
 // Runs `body` with standard output captured at the descriptor level (printf, puts,
 // std::cout and child writes alike) and returns what it printed.
 std::string captureStdout(const std::function<void()> &body);
