@@ -207,15 +207,18 @@ private:
 };
 
 // The process-wide snapshot thread: frames queued from any thread are written to
-// /tmp/IMG_13.jpg in the background, in order.
+// /tmp/IMG_13.jpg in the background, in order, the newest few kept when they come faster
+// than they are written.
 class FilterThread : public QThread
 {
 public:
     // Any thread. The instance lives until the process ends.
     static FilterThread *instance();
     // Any thread. Queues one frame (its pixels are shared, not copied); starts the
-    // thread on first use.
+    // thread on first use. The queue keeps the newest few: older waiting frames make room.
     void start(cv::Mat img);
+    // Any thread. Frames dropped from the queue so far to make room for newer ones.
+    quint64 dropped();
     // Any thread. Writes /tmp/IMG_<n>.jpg with cur_use_logo.png laid over it.
     int saveAsJPEG(cv::Mat img, int n);
     ~FilterThread() override;
@@ -234,11 +237,12 @@ private:
     };
 
     std::atomic<bool> bStarted{false};  // the thread has been started
-    std::mutex mutex;                   // guards imageList and bWriting
+    std::mutex mutex;                   // guards imageList, bWriting and droppedFrames
     std::condition_variable waitCondition; // one wake per queued frame
     std::condition_variable idleCondition; // woken when a frame has been written
     QList<cv::Mat> imageList;           // frames waiting to be written, oldest first
     bool bWriting = false;              // a frame taken from imageList is being written
+    quint64 droppedFrames = 0;          // frames removed unwritten to keep the bound
 };
 
 #endif // FFMPEGAPI_H

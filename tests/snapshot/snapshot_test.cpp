@@ -6,6 +6,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <unistd.h>
 
 #include <opencv2/imgproc.hpp>
 
@@ -69,10 +71,9 @@ cv::Mat decodeLast(const std::string &path)
     return readMediaFile(path, f) && !f.frames.empty() ? f.frames.back() : cv::Mat();
 }
 
-// The grey picture through the graph `w` describes; empty when it describes none.
-cv::Mat drawnThrough(stWaterprint w)
+// The grey picture through the graph `desc` describes; empty when it is empty.
+cv::Mat drawnThrough(const QByteArray &desc)
 {
-    const QByteArray desc = FFmpegApi().getFiltersDescr(w).toUtf8();
     FilterGraph graph;
     AVFrame *frame = av_frame_alloc();
     frame->format = AV_PIX_FMT_YUV420P;
@@ -91,6 +92,24 @@ cv::Mat drawnThrough(stWaterprint w)
         cv::cvtColor(i420, drawn, cv::COLOR_YUV2BGR_I420);
     av_frame_free(&frame);
     return drawn;
+}
+
+cv::Mat drawnThrough(stWaterprint w)
+{
+    return drawnThrough(FFmpegApi().getFiltersDescr(w).toUtf8());
+}
+
+// A text in red at 100,100 with the test's font, as the watermark's text template draws it.
+stWaterprint redText(const QString &text)
+{
+    // text, font, size, x, y, colour, time, text on, logo, logo x, logo y, logo on
+    return stWaterprint{text, kTestFont, 20, 100, 100, 0xFF0000, 0, 1, QString(), 0, 0, 0};
+}
+
+// The picture's permission bits beyond rw-r--r--.
+fs::perms beyond0644(const std::string &path)
+{
+    return fs::status(path).permissions() & ~fs::perms(0644);
 }
 
 struct MarkRow {
@@ -197,5 +216,89 @@ TEST(JpegSnapshot, TheLogoWriterNeedsItsLogoAndTheThreadWritesWhatIsQueuedBefore
     EXPECT_TRUE(logo[0] < 60 && logo[1] > 200 && logo[2] > 200) << logo;
     const cv::Scalar picture = cv::mean(decoded(cv::Rect(80, 40, 72, 72)));
     EXPECT_TRUE(picture[0] < 30 && picture[1] < 30 && picture[2] > 220) << picture;
+    fs::remove(file);
+}
+
+TEST(Watermark, TextsOfEverySyntaxCharacterAreDrawnAsGivenAndCreateNothing)
+{
+    testutil::TempDir dir, cwd;
+    const QString saved = QDir::currentPath();
+    QDir::setCurrent(QString::fromStdString(cwd.path()));
+    std::string printable;
+    for (char c = ' '; c <= '~'; ++c)
+        printable += c;
+    const std::string texts[] = {printable, "x':textfile=/etc/hostname:y='1", "a%{localtime}b\\",
+                                 "w'[t];movie=pwned.png[l];[t][l]overlay,signature=filename=pwned"};
+    for (const std::string &text : texts) {
+        SCOPED_TRACE(text);
+        // The same text read from a file with expansion off: what "exactly as given" draws.
+        testutil::writeFileBytes(dir.file("text"), text);
+        const QByteArray literal = QByteArray("drawtext=fontfile=") + kTestFont
+            + ":fontsize=20:textfile=" + dir.file("text").c_str()
+            + ":expansion=none:x=100:y=100:fontcolor=ff0000";
+        const cv::Mat want = drawnThrough(literal), got = drawnThrough(redText(QString::fromStdString(text)));
+        ASSERT_FALSE(got.empty());
+        ASSERT_FALSE(want.empty());
+        EXPECT_EQ(meanAbsDiff(got, want), 0.0);
+        EXPECT_GT(meanAbsDiff(got, kGrey), 0.1);
+    }
+    QDir::setCurrent(saved);
+    EXPECT_TRUE(fs::is_empty(cwd.path()));
+}
+
+TEST(JpegSnapshot, PlantedNamesAreReplacedNotWrittenThroughAndAnotherUsersNameIsRefused)
+{
+    testutil::TempDir dir;
+    const QString saved = QDir::currentPath();
+    QDir::setCurrent(QString::fromStdString(dir.path()));
+    writeLogo("cur_use_logo.png", 64, 32, cv::Scalar(0, 255, 255));
+    FixedFont font;
+    const std::string victim = dir.file("victim");
+    const struct {
+        std::function<int()> snap;
+        std::string name;
+    } writers[] = {{[] { return FilterThread::instance()->saveAsJPEG(kGrey, 13); }, "/tmp/IMG_13.jpg"},
+                   {[] { return FFmpegApi::SaveAsJPEG(kGrey, 91); }, "/tmp/aaIMG_91.jpg"}};
+    for (const auto &w : writers) {
+        SCOPED_TRACE(w.name);
+        if (w.name.find("aaIMG") != std::string::npos && !fs::exists(kFixedFont))
+            continue; // the text writer needs the fixed font: skipped as its own test says
+        testutil::writeFileBytes(victim, "the user's own");
+        fs::remove(w.name);
+        fs::create_symlink(victim, w.name);
+        EXPECT_EQ(w.snap(), 0);
+        EXPECT_EQ(testutil::readFileBytes(victim), "the user's own");
+        EXPECT_FALSE(fs::is_symlink(w.name));
+        EXPECT_EQ(decodeLast(w.name).size(), kGrey.size());
+        EXPECT_EQ(beyond0644(w.name), fs::perms::none);
+        // Another user's file at the name stays as it is, and the user is told.
+        ASSERT_EQ(chown(w.name.c_str(), 4242, 4242), 0);
+        const std::string printed = testutil::captureStdout([&] { EXPECT_EQ(w.snap(), -1); });
+        EXPECT_NE(printed.find("cannot write " + w.name + ": it belongs to another user"),
+                  std::string::npos) << printed;
+        fs::remove(w.name);
+    }
+    QDir::setCurrent(saved);
+}
+
+TEST(JpegSnapshot, AFloodKeepsTheNewestFewAndCountsWhatItDrops)
+{
+    testutil::TempDir dir;
+    const QString saved = QDir::currentPath();
+    QDir::setCurrent(QString::fromStdString(dir.path()));
+    writeLogo("cur_use_logo.png", 8, 8, cv::Scalar(0, 255, 255));
+    const std::string file = "/tmp/IMG_13.jpg";
+    FilterThread *thread = FilterThread::instance();
+    const quint64 before = thread->dropped();
+    constexpr int kFlood = 300;
+    for (int i = 0; i < kFlood; ++i)
+        thread->start(solidImage(160, 120, i + 1 < kFlood ? cv::Scalar(255, 0, 0) : cv::Scalar(0, 0, 255)));
+    // Far fewer written than queued: the rest were dropped, and the newest made it.
+    EXPECT_GT(thread->dropped() - before, quint64(kFlood / 2));
+    EXPECT_TRUE(testutil::pollUntil([&] {
+        const cv::Mat last = decodeLast(file);
+        return !last.empty() && cv::mean(last(cv::Rect(80, 40, 72, 72)))[2] > 220;
+    }, std::chrono::seconds(30)));
+    QDir::setCurrent(saved);
     fs::remove(file);
 }
