@@ -94,7 +94,8 @@ int waitForOpen(const std::shared_ptr<PendingOpen> &pending,
     return pending->fd;
 }
 
-// A descriptor opened without blocking, made an ordinary blocking regular file, or -1.
+// A descriptor opened without blocking, made blocking once it is known to be a file or a
+// device, or -1.
 int keepRegularFile(int fd, std::string *error)
 {
     struct stat st;
@@ -103,8 +104,10 @@ int keepRegularFile(int fd, std::string *error)
         close(fd);
         return -1;
     }
-    if (!S_ISREG(st.st_mode)) {
-        *error = "not a regular file";
+    // A FIFO (even with a reader) or a socket would take a recording nowhere it can be
+    // played from; devices stay allowed (/dev/null, /dev/full), as the user names them.
+    if (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode)) {
+        *error = "a FIFO or socket, not a file";
         close(fd);
         return -1;
     }

@@ -24,8 +24,8 @@ constexpr unsigned kTempMode = 0600;
 // for a plain file path; colons that do not follow a known protocol name are ordinary.
 std::string protocolOf(const std::string &path);
 
-// Any thread. Creates or truncates `path` for writing as a regular file, never following
-// a link at the name (O_NOFOLLOW) and never waiting for a FIFO's reader. Gives up after
+// Any thread. Creates or truncates `path` for writing, never following a link at the name
+// (O_NOFOLLOW), never waiting for a FIFO's reader and refusing a FIFO or socket. Gives up after
 // `timeout`, or as soon as `stopRequested` answers true. The descriptor, or -1 with
 // *error saying why.
 int createOutput(const std::string &path, const std::function<bool()> &stopRequested,
