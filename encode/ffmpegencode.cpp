@@ -369,6 +369,10 @@ void FFmpegEncode::encode()
     // Picture and sound in step for hours: the sound follows the steady clock that times
     // the picture, by resampling (a pitch change far below hearing), not by timestamps.
     writer.setDriftCorrection(m_recVideo && m_recAudio);
+    writer.setStopRequest([this] {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        return !m_isRun;
+    });
     QByteArray path = m_videoPath.toUtf8();
     if (writer.open(path.data(), static_cast<int>(m_videoBitrate), static_cast<int>(m_fps),
                     static_cast<int>(m_width), static_cast<int>(m_height),

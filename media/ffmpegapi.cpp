@@ -8,6 +8,7 @@
 
 #include "ffmpeglog.h"
 #include "periodicsync.h"
+#include "safefile.h"
 #include "standardmp4.h"
 
 extern "C" {
@@ -208,7 +209,7 @@ void FFmpegApi::release()
     freeOutputStream(&audio_st);
     if (oc) {
         if (!(oc->oformat->flags & AVFMT_NOFILE))
-            avio_closep(&oc->pb);
+            safefile::closeIo(&oc->pb);
         avformat_free_context(oc);
         oc = nullptr;
     }
@@ -360,8 +361,33 @@ int FFmpegApi::open(char *filename, int videoBitrate, int fps, int width, int he
     return 0;
 }
 
+// The output is a local file opened by the library itself: no FFmpeg protocol is
+// involved, so a colon in the name is an ordinary character and a link planted at the
+// name is refused rather than written through.
+int FFmpegApi::openFile()
+{
+    std::string error;
+    const int fd = safefile::createOutput(m_path, m_stopRequested, safefile::kOpenTimeout, &error);
+    if (fd < 0) {
+        printf("cannot open :%s\n(%s)\n", m_filename, error.c_str());
+        return -1;
+    }
+    oc->pb = safefile::openIo(fd);
+    if (!oc->pb) {
+        printf("cannot open :%s\n(out of memory)\n", m_filename);
+        return -1;
+    }
+    return 0;
+}
+
 int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSampleRate)
 {
+    const std::string protocol = safefile::protocolOf(m_path);
+    if (!protocol.empty()) {
+        printf("cannot open :%s\n(only a local file can be recorded, not a %s: name)\n",
+               m_filename, protocol.c_str());
+        return -1;
+    }
     avformat_alloc_output_context2(&oc, nullptr, nullptr, m_filename);
     if (!oc) {
         puts("Could not deduce output format from file extension: using MPEG.");
@@ -370,6 +396,12 @@ int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSamp
     if (!oc)
         return -1;
     fmt = oc->oformat;
+    oc->flags |= AVFMT_FLAG_CUSTOM_IO;
+    // Muxers that open further files of their own (segments, playlists) reach local files
+    // only.
+    oc->protocol_whitelist = av_strdup("file");
+    if (!oc->protocol_whitelist)
+        return -1;
 
     // A wanted stream whose container has no default codec of that kind is not made, and
     // the user is told rather than left with a file silently missing it.
@@ -405,12 +437,8 @@ int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSamp
         return -1;
 
     av_dump_format(oc, 0, m_filename, 1);
-    if (!(fmt->flags & AVFMT_NOFILE)) {
-        if (avio_open(&oc->pb, m_filename, AVIO_FLAG_WRITE) < 0) {
-            printf("cannot open :%s\n", m_filename);
-            return -1;
-        }
-    }
+    if (!(fmt->flags & AVFMT_NOFILE) && openFile() < 0)
+        return -1;
     AVDictionary *headerOptions = nullptr;
     av_dict_copy(&headerOptions, options, 0);
     if (m_writeMode != WriteMode::IndexAtEnd)
@@ -686,7 +714,7 @@ int FFmpegApi::closeOutput()
 {
     if ((fmt->flags & AVFMT_NOFILE) || !oc->pb)
         return 0;
-    const int ret = avio_closep(&oc->pb);
+    const int ret = safefile::closeIo(&oc->pb);
     if (ret < 0)
         reportWriteError("Error closing the output file", ret);
     return ret < 0 ? ret : 0;

@@ -6,6 +6,7 @@
 #include <QThread>
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <opencv2/core/mat.hpp>
 #include <memory>
@@ -115,6 +116,11 @@ public:
     bool hasAudio() const { return m_hasAudio; }
     void setWriteMode(WriteMode mode) { m_writeMode = mode; }
     WriteMode writeMode() const { return m_writeMode; }
+    // Before open: asked while the output file is being opened; true gives the open up.
+    void setStopRequest(std::function<bool()> stopRequested)
+    {
+        m_stopRequested = std::move(stopRequested);
+    }
 
     // 0, or -1 after a message naming what failed.
     int open(char *filename, int videoBitrate, int fps, int width, int height,
@@ -166,6 +172,7 @@ public:
 
 private:
     int openOutput(AVDictionary *options, int audioChannel, int audioSampleRate);
+    int openFile();
     int openAudio(AVDictionary *options, int inputChannels);
     int openResampler(int inputChannels);
     bool reserveResamplerOutput(int samples);
@@ -206,20 +213,24 @@ private:
     int m_writeError = 0;         // the AVERROR of that first failed write
     WriteMode m_writeMode = WriteMode::RecoverableThenStandard;
     std::string m_path;           // the output's name, kept from open for flush
+    std::function<bool()> m_stopRequested; // the recording is no longer wanted
     bool m_fragmented = false;    // the output is a fragmented MP4/MOV
     std::unique_ptr<PeriodicSync> m_sync; // syncs a Recoverable output while it is written
 };
 
 // The process-wide snapshot thread: frames queued from any thread are written to
-// /tmp/IMG_13.jpg in the background, in order.
+// /tmp/IMG_13.jpg in the background, in order, the newest few kept when they come faster
+// than they are written.
 class KWRECORDER_EXPORT FilterThread : public QThread
 {
 public:
     // Any thread. The instance lives until the process ends.
     static FilterThread *instance();
     // Any thread. Queues one frame (its pixels are shared, not copied); starts the
-    // thread on first use.
+    // thread on first use. The queue keeps the newest few: older waiting frames make room.
     void start(cv::Mat img);
+    // Any thread. Frames dropped from the queue so far to make room for newer ones.
+    quint64 dropped();
     // Any thread. Writes /tmp/IMG_<n>.jpg with cur_use_logo.png laid over it.
     int saveAsJPEG(cv::Mat img, int n);
     ~FilterThread() override;
@@ -238,11 +249,12 @@ private:
     };
 
     std::atomic<bool> bStarted{false};  // the thread has been started
-    std::mutex mutex;                   // guards imageList and bWriting
+    std::mutex mutex;                   // guards imageList, bWriting and droppedFrames
     std::condition_variable waitCondition; // one wake per queued frame
     std::condition_variable idleCondition; // woken when a frame has been written
     QList<cv::Mat> imageList;           // frames waiting to be written, oldest first
     bool bWriting = false;              // a frame taken from imageList is being written
+    quint64 droppedFrames = 0;          // frames removed unwritten to keep the bound
 };
 
 #endif // FFMPEGAPI_H

@@ -1,9 +1,11 @@
 #include "filtergraph.h"
 
 #include <cstdio>
+#include <cstring>
 #include <unistd.h>
 
 extern "C" {
+#include <libavformat/avformat.h>
 #include <libavutil/opt.h>
 }
 
@@ -20,7 +22,55 @@ struct InOut {
     }
 };
 
+// Characters each parser reads as syntax; whitespace also, where it would be trimmed.
+constexpr const char *kOptionSyntax = "\\':";
+constexpr const char *kGraphSyntax = "\\'[],;";
+constexpr const char *kWhitespace = " \t\n\r\f\v";
+
+std::string escaped(const std::string &value, const char *syntax)
+{
+    std::string out;
+    for (const char c : value) {
+        if (strchr(syntax, c) || strchr(kWhitespace, c))
+            out += '\\';
+        out += c;
+    }
+    return out;
+}
+
+// Every demuxer that reads one picture of an image codec ("png_pipe", "jpeg_pipe", ...).
+std::string imageDemuxers()
+{
+    static const std::string suffix = "_pipe";
+    std::string list;
+    void *it = nullptr;
+    while (const AVInputFormat *f = av_demuxer_iterate(&it)) {
+        const std::string name = f->name;
+        if (name.size() > suffix.size()
+            && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
+            list += (list.empty() ? "" : ",") + name;
+    }
+    return list;
+}
+
 } // namespace
+
+std::string graphOptionValue(const std::string &value)
+{
+    return escaped(escaped(value, kOptionSyntax), kGraphSyntax);
+}
+
+std::string drawtextLiteral(const std::string &text)
+{
+    return escaped(text, "\\%");
+}
+
+std::string pictureMovieOptions(const std::string &path)
+{
+    // "file:" makes a colon in the name an ordinary character.
+    return graphOptionValue("file:" + path) + ":format_opts="
+        + graphOptionValue("protocol_whitelist=file:format_whitelist=" + imageDemuxers());
+}
 
 int checkFontFile(const char *path)
 {

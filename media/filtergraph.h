@@ -2,6 +2,7 @@
 #define FILTERGRAPH_H
 
 #include <cstdint>
+#include <string>
 
 extern "C" {
 #include <libavfilter/avfilter.h>
@@ -20,6 +21,16 @@ struct FilterGraphLines {
 // Debian's drawtext falls back to any fontconfig font when its font file cannot be
 // read; a missing font must fail instead. 0, or AVERROR(ENOENT) after a message.
 int checkFontFile(const char *path);
+
+// A value for one filter option inside a graph description, escaped for the option
+// parser (":" ends an option) and then for the graph parser ("," ";" "[" "]" end a
+// filter), so that it reaches the filter exactly as given and can add nothing.
+std::string graphOptionValue(const std::string &value);
+// A text drawtext draws exactly as given: its own expansion ("%{...}", "\") escaped.
+std::string drawtextLiteral(const std::string &text);
+// The "movie" options that read `path` as a picture: through the file protocol only, by
+// an image demuxer only (whatever the name says), escaped as graphOptionValue.
+std::string pictureMovieOptions(const std::string &path);
 
 // A buffer -> description -> buffersink graph for one picture format, as the watermark
 // and the JPEG writers build it. Owns the graph until release().

@@ -6,6 +6,10 @@ namespace {
 
 // The file every queued snapshot is written to, by number.
 constexpr int kSnapshotNumber = 13;
+// Frames the queue holds at most. A host that snaps faster than pictures are encoded
+// loses the oldest waiting ones: the newest is what it wants on disk, and memory stays
+// bounded whatever the host does.
+constexpr int kQueueLimit = 4;
 // Longest wait at process exit for queued snapshots to be written, milliseconds.
 constexpr int kDrainLimitMs = 10000;
 
@@ -46,8 +50,18 @@ void FilterThread::start(cv::Mat img)
     {
         std::lock_guard<std::mutex> lock(mutex);
         imageList.append(img);
+        while (imageList.size() > kQueueLimit) {
+            imageList.removeFirst();
+            ++droppedFrames;
+        }
     }
     waitCondition.notify_one();
+}
+
+quint64 FilterThread::dropped()
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    return droppedFrames;
 }
 
 // Runs until the process ends: there is no way out, so there is no join either.

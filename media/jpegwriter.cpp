@@ -1,6 +1,11 @@
 #include "ffmpegapi.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
 extern "C" {
 #include <libavfilter/buffersink.h>
@@ -10,13 +15,15 @@ extern "C" {
 
 #include "ffmpeglog.h"
 #include "filtergraph.h"
+#include "safefile.h"
 
 namespace {
 
 // How the two snapshot writers differ.
 struct JpegWriterKind {
     const char *prefix;          // file name before the number
-    const char *description;     // the filter graph drawn over the picture
+    const char *description;     // the filter graph drawn over the picture; %1: the movie's
+                                 // options for the logo
     const char *font;            // the font file the description needs, or null
     bool frameFirst;             // prepare the frame before anything else
     FilterGraphLines lines;      // numbers printed with "initFilters %d"
@@ -31,8 +38,11 @@ const JpegWriterKind kTextSnapshot{
     {368, 383, 392}};
 
 const JpegWriterKind kLogoSnapshot{
-    "/tmp/IMG_", "movie=cur_use_logo.png[wm];[in][wm]overlay=0:0[out]", nullptr, true,
+    "/tmp/IMG_", "movie=%1[wm];[in][wm]overlay=0:0[out]", nullptr, true,
     {1045, 1075, 1084}};
+
+// The logo laid over the thread's snapshots, in the process's working directory.
+const char *const kLogoFile = "cur_use_logo.png";
 
 // JPEG's picture format and the time base of its one frame.
 constexpr AVPixelFormat kJpegFormat = AV_PIX_FMT_YUVJ420P;
@@ -47,6 +57,8 @@ struct Snapshot {
     AVFrame *fullRange = nullptr;
     AVPacket *packet = nullptr;
     FilterGraph graph;
+    std::string temp; // the fresh file written before it is renamed over the name; removed
+                      // unless it was
 
     ~Snapshot()
     {
@@ -56,9 +68,11 @@ struct Snapshot {
         av_frame_free(&frame);
         avcodec_free_context(&codec);
         if (ctx) {
-            avio_closep(&ctx->pb);
+            safefile::closeIo(&ctx->pb);
             avformat_free_context(ctx);
         }
+        if (!temp.empty())
+            unlink(temp.c_str());
     }
 };
 
@@ -96,10 +110,21 @@ int openJpeg(Snapshot &s, const char *name, int width, int height)
     s.ctx->oformat = av_guess_format("mjpeg", nullptr, nullptr);
     if (!s.ctx->oformat)
         return -1;
-    if (avio_open(&s.ctx->pb, name, AVIO_FLAG_READ_WRITE) < 0) {
+    // The names are fixed and the directory shared: the picture goes to a fresh file of
+    // our own, renamed over the name at the end, so a link planted there is replaced,
+    // never written through.
+    std::string error;
+    const std::string path = name;
+    const size_t slash = path.rfind('/');
+    const std::string prefix = path.substr(0, slash + 1) + "." + path.substr(slash + 1) + ".";
+    const int fd = safefile::createTemp(prefix, &s.temp, &error);
+    s.ctx->pb = fd < 0 ? nullptr : safefile::openIo(fd);
+    if (!s.ctx->pb) {
         printf("Couldn't open output file.");
+        printf(" (%s)\n", fd < 0 ? error.c_str() : "out of memory");
         return -1;
     }
+    s.ctx->flags |= AVFMT_FLAG_CUSTOM_IO;
     AVStream *st = avformat_new_stream(s.ctx, nullptr);
     if (!st)
         return -1;
@@ -186,6 +211,39 @@ int filterAndEncode(Snapshot &s)
     return 0;
 }
 
+// Another user's file at the name is not ours to replace: said rather than tried.
+bool ownNameOrFree(const char *name)
+{
+    struct stat st;
+    if (lstat(name, &st) != 0 || st.st_uid == geteuid())
+        return true;
+    printf("cannot write %s: it belongs to another user\n", name);
+    return false;
+}
+
+// Publishes the written file under its name; 0, or -1 after a message.
+int publish(Snapshot &s, const char *name)
+{
+    const int fd = safefile::fdOf(s.ctx->pb);
+    if (fchmod(fd, safefile::publicMode()) != 0) {
+        printf("cannot write %s: %s\n", name, strerror(errno));
+        return -1;
+    }
+    const int closed = safefile::closeIo(&s.ctx->pb);
+    if (closed < 0) {
+        char text[AV_ERROR_MAX_STRING_SIZE] = {0};
+        av_strerror(closed, text, sizeof text);
+        printf("cannot write %s: %s\n", name, text);
+        return -1;
+    }
+    if (rename(s.temp.c_str(), name) != 0) {
+        printf("cannot write %s: %s\n", name, strerror(errno));
+        return -1;
+    }
+    s.temp.clear();
+    return 0;
+}
+
 int saveJpeg(const JpegWriterKind &kind, cv::Mat &img, int n)
 {
     ffmpeglog::route();
@@ -197,6 +255,8 @@ int saveJpeg(const JpegWriterKind &kind, cv::Mat &img, int n)
         return -1;
     char name[1024] = {0};
     snprintf(name, sizeof name, "%s%d.jpg", kind.prefix, n);
+    if (!ownNameOrFree(name))
+        return -1;
     if (openJpeg(s, name, img.cols, img.rows) < 0)
         return -1;
     if (!kind.frameFirst && prepareFrame(s, img) < 0)
@@ -206,8 +266,13 @@ int saveJpeg(const JpegWriterKind &kind, cv::Mat &img, int n)
         if (fontOk < 0)
             return fontOk;
     }
+    // The logo is read as a picture from a local file, whatever its name says.
+    std::string description = kind.description;
+    const size_t logoAt = description.find("%1");
+    if (logoAt != std::string::npos)
+        description.replace(logoAt, 2, pictureMovieOptions(kLogoFile));
     const int ret = s.graph.build(img.cols, img.rows, kJpegFormat, kJpegTimeBase,
-                                  s.codec->sample_aspect_ratio, kind.description, kind.lines);
+                                  s.codec->sample_aspect_ratio, description.c_str(), kind.lines);
     if (ret < 0)
         return ret;
     s.packet = av_packet_alloc();
@@ -218,7 +283,7 @@ int saveJpeg(const JpegWriterKind &kind, cv::Mat &img, int n)
     if (encoded < 0)
         return encoded;
     av_write_trailer(s.ctx);
-    return 0;
+    return publish(s, name);
 }
 
 } // namespace

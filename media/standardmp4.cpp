@@ -9,10 +9,12 @@
 #include <vector>
 
 #include "periodicsync.h"
+#include "safefile.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/error.h>
+#include <libavutil/mem.h>
 }
 
 namespace {
@@ -30,7 +32,7 @@ struct Rewrite {
     {
         avformat_close_input(&in);
         if (out) {
-            avio_closep(&out->pb);
+            safefile::closeIo(&out->pb);
             avformat_free_context(out);
         }
     }
@@ -54,7 +56,11 @@ std::string directoryOf(const std::string &path)
 
 bool openInput(Rewrite &r)
 {
-    int ret = avformat_open_input(&r.in, r.path.c_str(), nullptr, nullptr);
+    // Through the file protocol only, so a colon in the name is an ordinary character.
+    AVDictionary *options = nullptr;
+    av_dict_set(&options, "protocol_whitelist", "file", 0);
+    int ret = avformat_open_input(&r.in, ("file:" + r.path).c_str(), nullptr, &options);
+    av_dict_free(&options);
     if (ret < 0)
         return r.fail("opening " + r.path, ret);
     ret = avformat_find_stream_info(r.in, nullptr);
@@ -74,9 +80,9 @@ const AVOutputFormat *muxerFor(const std::string &path)
 
 bool createOutput(Rewrite &r)
 {
-    int ret = avformat_alloc_output_context2(&r.out, muxerFor(r.path), nullptr, r.temp.c_str());
+    int ret = avformat_alloc_output_context2(&r.out, muxerFor(r.path), nullptr, r.path.c_str());
     if (ret < 0)
-        return r.fail("setting up " + r.temp, ret);
+        return r.fail("setting up the copy of " + r.path, ret);
     for (unsigned i = 0; i < r.in->nb_streams; ++i) {
         const AVStream *from = r.in->streams[i];
         AVStream *to = avformat_new_stream(r.out, nullptr);
@@ -89,10 +95,29 @@ bool createOutput(Rewrite &r)
         to->codecpar->codec_tag = 0;
         to->time_base = from->time_base;
     }
-    ret = avio_open(&r.out->pb, r.temp.c_str(), AVIO_FLAG_WRITE);
-    if (ret < 0)
-        return r.fail("creating " + r.temp, ret);
+    // A fresh name, created exclusively: whatever is planted at a predictable one is
+    // neither written through nor in the way.
+    std::string error;
+    const int fd = safefile::createTemp(standardTempPath(r.path) + ".", &r.temp, &error);
+    if (fd < 0) {
+        r.error = "creating a file beside " + r.path + ": " + error;
+        return false;
+    }
     r.tempOpen = true;
+    if (fchmod(fd, safefile::publicMode()) != 0) {
+        close(fd);
+        return r.fail("setting the mode of " + r.temp, AVERROR(errno));
+    }
+    r.out->pb = safefile::openIo(fd);
+    if (!r.out->pb)
+        return r.fail("creating " + r.temp, AVERROR(ENOMEM));
+    r.out->flags |= AVFMT_FLAG_CUSTOM_IO;
+    // faststart reads the file back by its name: through the file protocol only.
+    av_freep(&r.out->url);
+    r.out->url = av_strdup(("file:" + r.temp).c_str());
+    r.out->protocol_whitelist = av_strdup("file");
+    if (!r.out->url || !r.out->protocol_whitelist)
+        return r.fail("creating " + r.temp, AVERROR(ENOMEM));
     AVDictionary *options = nullptr;
     // faststart: the index moves ahead of the media data once it is written.
     av_dict_set(&options, "movflags", "+faststart", 0);
@@ -148,7 +173,7 @@ bool writeTrailer(Rewrite &r)
     if (ret < 0)
         return r.fail("writing the index of " + r.temp, ret);
     // Closing flushes what is still buffered: a full disk can show only here.
-    ret = avio_closep(&r.out->pb);
+    ret = safefile::closeIo(&r.out->pb);
     if (ret < 0)
         return r.fail("closing " + r.temp, ret);
     return true;
@@ -220,12 +245,11 @@ bool rewriteAsStandardMp4(const std::string &path, std::string *error)
 {
     Rewrite r;
     r.path = path;
-    r.temp = standardTempPath(path);
-    const bool ok = hasRoomForCopy(r) && openInput(r) && createOutput(r) && copyPackets(r) && writeTrailer(r)
-        && syncTemp(r) && replaceOriginal(r);
+    const bool ok = hasRoomForCopy(r) && openInput(r) && createOutput(r) && copyPackets(r)
+        && writeTrailer(r) && syncTemp(r) && replaceOriginal(r);
     if (!ok && r.tempOpen) {
         if (r.out)
-            avio_closep(&r.out->pb);
+            safefile::closeIo(&r.out->pb);
         unlink(r.temp.c_str());
     }
     if (!ok && error)

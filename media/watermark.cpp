@@ -13,15 +13,17 @@ extern "C" {
 
 namespace {
 
+// Every value is filled in escaped for the graph syntax, in one pass (a value holding
+// "%2" is not filled again), so the graph is exactly these filters.
 const char *const kLogoTemplate = "movie=%1[wm];[in][wm]overlay=%2:%3[out]";
 const char *const kTextTemplate =
-    "drawtext=fontfile=%1:fontsize=%2:text='%3':x=%4:y=%5:fontcolor=%6";
+    "drawtext=fontfile=%1:fontsize=%2:text=%3:x=%4:y=%5:fontcolor=%6";
 const char *const kTextAndLogoTemplate =
     "drawtext=fontfile=%1:                       fontsize=%2:                 fontcolor=%3:"
-    "                 x=%4:                y=%5:                text='%6' [text];movie=%7 [wm];"
+    "                 x=%4:                y=%5:                text=%6 [text];movie=%7 [wm];"
     "         [text] [wm] overlay=%8:%9 [out]";
-const char *const kTimeAndTextTemplate =
-    "drawtext=fontfile=%1:fontsize=%2:text='%{localtime} %3':x=%4:y=%5:fontcolor=%6";
+// Put before the text when the local time is drawn.
+const char *const kLocalTime = "%{localtime} ";
 
 // Where initFilters reports each failure ("initFilters %d").
 constexpr FilterGraphLines kWatermarkLines{752, 784, 794};
@@ -32,6 +34,22 @@ QString colour(int rgb)
     return QStringLiteral("%1").arg(static_cast<uint>(rgb), 6, 16, QLatin1Char('0'));
 }
 
+QString value(const QString &v)
+{
+    return QString::fromStdString(graphOptionValue(v.toStdString()));
+}
+
+QString drawnText(const QString &text, bool localTime)
+{
+    const std::string literal = drawtextLiteral(text.toStdString());
+    return QString::fromStdString(graphOptionValue(localTime ? kLocalTime + literal : literal));
+}
+
+QString logo(const QString &file)
+{
+    return QString::fromStdString(pictureMovieOptions(file.toStdString()));
+}
+
 } // namespace
 
 QString FFmpegApi::getFiltersDescr(stWaterprint &w)
@@ -39,32 +57,22 @@ QString FFmpegApi::getFiltersDescr(stWaterprint &w)
     if (w.bText == 0) {
         if (w.bLogo != 1)
             return QString();
-        return QString::fromLatin1(kLogoTemplate).arg(w.logoFile).arg(w.logoX).arg(w.logoY);
+        return QString::fromLatin1(kLogoTemplate)
+            .arg(logo(w.logoFile), QString::number(w.logoX), QString::number(w.logoY));
     }
     if (w.bText != 1)
         return QString();
     if (w.bLogo == 1) {
         return QString::fromLatin1(kTextAndLogoTemplate)
-            .arg(w.fontFile)
-            .arg(w.fontSize)
-            .arg(colour(w.fontColor))
-            .arg(w.x)
-            .arg(w.y)
-            .arg(w.text)
-            .arg(w.logoFile)
-            .arg(w.logoX)
-            .arg(w.logoY);
+            .arg(value(w.fontFile), QString::number(w.fontSize), colour(w.fontColor),
+                 QString::number(w.x), QString::number(w.y), drawnText(w.text, false),
+                 logo(w.logoFile), QString::number(w.logoX), QString::number(w.logoY));
     }
     if (w.bLogo != 0 || w.text.isEmpty())
         return QString();
-    const char *templ = w.bLocalTime == 1 ? kTimeAndTextTemplate : kTextTemplate;
-    return QString::fromLatin1(templ)
-        .arg(w.fontFile)
-        .arg(w.fontSize)
-        .arg(w.text)
-        .arg(w.x)
-        .arg(w.y)
-        .arg(colour(w.fontColor));
+    return QString::fromLatin1(kTextTemplate)
+        .arg(value(w.fontFile), QString::number(w.fontSize), drawnText(w.text, w.bLocalTime == 1),
+             QString::number(w.x), QString::number(w.y), colour(w.fontColor));
 }
 
 int FFmpegApi::initFilters(AVCodecContext *c)

@@ -102,9 +102,13 @@ TEST(RecoverableTest, AFileBeingWrittenPlaysUpToAboutTheLastSecondAndAStopLeaves
         // The MPEG program stream muxer holds sound for its 0.7 s mux delay.
         {true, true, 30, 90, "unknownext", 0.7},
     };
+    // A link planted where the copy would be made is neither followed nor in the way.
+    const std::string victim = dir.file("victim");
+    testutil::writeFileBytes(victim, "the user's own");
     for (const Content &c : cases) {
         const std::string name = std::to_string(&c - cases) + "." + c.ext, file = dir.file(name);
         SCOPED_TRACE(name + " at " + std::to_string(c.fps) + " fps");
+        std::filesystem::create_symlink(victim, standardTempPath(file));
         FFmpegApi w;
         openWriter(w, file, c, WriteMode::RecoverableThenStandard);
         // Looked at after every second written, as a crash would leave it: at most a
@@ -123,6 +127,10 @@ TEST(RecoverableTest, AFileBeingWrittenPlaysUpToAboutTheLastSecondAndAStopLeaves
             EXPECT_GE(std::min(picture, sound), least - 1e-6) << "after " << second << " s";
         }
         w.flush(); // a failed rewrite leaves the file fragmented
+        EXPECT_EQ(testutil::readFileBytes(victim), "the user's own");
+        // Public as the user's other files are, no more than rw-r--r--.
+        EXPECT_EQ(std::filesystem::status(file).permissions() & ~std::filesystem::perms(0644),
+                  std::filesystem::perms::none);
         const MediaFile got = decoded(file);
         EXPECT_EQ(got.framePts.size(), size_t(c.video ? c.frames : 0));
         if (c.ext != std::string("mp4") && c.ext != std::string("mov"))
@@ -143,14 +151,7 @@ TEST(RecoverableTest, AFileBeingWrittenPlaysUpToAboutTheLastSecondAndAStopLeaves
 TEST(RecoverableTest, AFailedRewriteKeepsTheFragmentedFileAndSaysWhy)
 {
     testutil::TempDir dir;
-    // The copy's name is taken by a directory, which is not ours to remove.
-    const std::string taken = dir.file("taken.mp4"), takenCopy = standardTempPath(taken);
-    std::filesystem::create_directory(takenCopy);
-    expectKeptAfterFailedRewrite(taken, "creating " + takenCopy + ": Is a directory");
-    EXPECT_TRUE(std::filesystem::is_directory(takenCopy));
-    // The copy meets a full disk (buffered: at the latest at the index), and is removed.
-    const std::string full = dir.file("full.mp4"), fullCopy = standardTempPath(full);
-    std::filesystem::create_symlink("/dev/full", fullCopy);
-    expectKeptAfterFailedRewrite(full, " " + fullCopy + ": No space left on device");
-    EXPECT_FALSE(std::filesystem::exists(fullCopy));
+    // A name the file system takes, whose temporary copy's name it does not.
+    const std::string longName = dir.file(std::string(240, 'n') + ".mp4");
+    expectKeptAfterFailedRewrite(longName, "creating a file beside " + longName + ": File name too long");
 }

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
+#include <sys/stat.h>
 #include <functional>
 
 #include <opencv2/imgproc.hpp>
@@ -37,14 +39,17 @@ std::vector<int16_t> sineBlock(int frames, const std::vector<double> &freqs, int
     return block;
 }
 
+// Runs in its own directory: the names given to open() are relative, as users give them.
 class WriterTest : public ::testing::Test
 {
 protected:
+    void SetUp() override { std::filesystem::current_path(dir.path()); }
+    void TearDown() override { std::filesystem::current_path(home); }
     // Opens `w` on `name` with `s`; open()'s result, with what it printed in `printed`.
     int open(FFmpegApi &w, const std::string &name, const WriterSettings &s)
     {
         int ret = -2;
-        std::string path = dir.file(name);
+        std::string path = name;
         printed = testutil::captureStdout([&] {
             w.setHasVideo(s.video);
             w.setHasAudio(s.audio);
@@ -67,6 +72,7 @@ protected:
         EXPECT_TRUE(readMediaFile(dir.file(name), f, &err)) << err << "; open printed: " << printed;
         return f;
     }
+    const std::filesystem::path home = std::filesystem::current_path();
     testutil::TempDir dir;
     std::string printed; // by the last open
 };
@@ -208,16 +214,32 @@ TEST_F(WriterTest, SoundDecodesToTheSameTonesAndLength)
 
 TEST_F(WriterTest, FailuresOfOpenSayWhatFailedAndReturnMinusOne)
 {
+    testutil::writeFileBytes("victim", "the user's own");
+    std::filesystem::create_symlink("victim", "link.mp4");
+    ASSERT_EQ(mkfifo("fifo.mp4", 0600), 0);
     const struct {
-        const char *name;
+        std::string name;
         WriterSettings settings;
         std::string says;
-    } rows[] = {{"no-such-dir/x.mp4", {}, "cannot open :" + dir.file("no-such-dir/x.mp4") + "\n"},
+    } rows[] = {{"no-such-dir/x.mp4", {}, "(No such file or directory)\n"},
                 {"none.mp4", {false, false}, "nothing to record"},
-                {"zero.mp4", {true, true, 25, 800000, 0, 0}, "open video_codec failed"}};
+                {"zero.mp4", {true, true, 25, 800000, 0, 0}, "open video_codec failed"},
+                // Only local files: a planted link is not followed, a FIFO not waited for.
+                {"http://127.0.0.1:9/x.mp4", {}, "(only a local file can be recorded, not a http: name)\n"},
+                {"pipe:1", {}, "(only a local file can be recorded, not a pipe: name)\n"},
+                {"link.mp4", {}, "(Too many levels of symbolic links)\n"},
+                {"fifo.mp4", {}, "(No such device or address)\n"}};
     for (const auto &row : rows) {
         FFmpegApi w;
         EXPECT_EQ(open(w, row.name, row.settings), -1) << row.name;
         EXPECT_NE(printed.find(row.says), std::string::npos) << printed;
+        EXPECT_TRUE(row.says[0] != '(' || printed.find("cannot open :" + row.name + "\n(") != std::string::npos) << printed;
     }
+    EXPECT_EQ(testutil::readFileBytes("victim"), "the user's own");
+    // A colon is an ordinary character.
+    const MediaFile f = record("lesson-12:30.mp4", {true, false}, [](FFmpegApi &w) {
+        for (int k = 0; k < 5; ++k)
+            ASSERT_EQ(w.write_video(textureImage(160, 120, k)), 0);
+    });
+    EXPECT_EQ(f.framePts.size(), 5u);
 }

@@ -594,15 +594,10 @@ RecordingStatus endsByItself(LoadedRecorder &rec, std::chrono::seconds within)
 // A full disk: a small tmpfs of its own (root only).
 TEST_F(SessionTest, AFullDiskEndsTheRecordingByItselfAndKeepsItPlayable)
 {
-    const std::string mount = path("small");
-    std::filesystem::create_directory(mount);
-    if (geteuid() != 0 || std::system(("mount -t tmpfs -o size=3m tmpfs " + mount).c_str()) != 0)
+    testutil::ScratchDisk disk(path("small"), 3);
+    if (!disk.mounted())
         GTEST_SKIP() << "needs root and a tmpfs mount to make a full disk";
-    struct Unmount {
-        std::string dir;
-        ~Unmount() { EXPECT_EQ(std::system(("umount " + dir).c_str()), 0); }
-    } unmount{mount};
-    const std::string file = mount + "/full.mp4";
+    const std::string file = disk.path() + "/full.mp4";
     CyclingCamera camera(noisePictures(320, 240), 25);
     rec->vSetRecSize(320, 240);
     rec->setFps(25);
@@ -621,28 +616,20 @@ TEST_F(SessionTest, AFullDiskEndsTheRecordingByItselfAndKeepsItPlayable)
     EXPECT_GT(st.bytes, 1000000);
     const MediaFile f = readableOrAbsent(file, false);
     EXPECT_GT(f.videoSeconds(), 0.5);
-    EXPECT_FALSE(std::filesystem::exists(mount + "/.full.mp4.finishing")); // no copy left behind
+    EXPECT_EQ(disk.names(), std::vector<std::string>{"full.mp4"}); // no copy left behind
 }
 
-// A disk that stalls (a pipe nobody reads): the sound queue stays within its bound and the
-// recording ends with a reason; the writer finishes once the disk moves again.
+// A disk that stalls (frozen: every write waits in the kernel): the sound queue stays
+// within its bound and the recording ends with a reason; the writer finishes once the disk
+// moves again.
 TEST_F(SessionTest, AStalledDiskBoundsTheSoundQueueAndEndsTheRecording)
 {
+    testutil::ScratchDisk disk(path("stalling"), 64, true);
+    if (!disk.mounted())
+        GTEST_SKIP() << "needs root and a loop-mounted ext4 to make a stalled disk";
     simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
     rec->setHasAudio(true);
-    const std::string file = path("stall.mp4");
-    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
-    std::atomic<bool> reading{true};
-    std::thread disk([&] {
-        const int fd = ::open(file.c_str(), O_RDONLY);
-        char buf[65536];
-        while (fd >= 0 && ::read(fd, buf, sizeof buf) > 0) {
-            while (!reading)
-                std::this_thread::sleep_for(10ms); // the stalled disk itself, not a wait for a result
-        }
-        if (fd >= 0)
-            ::close(fd);
-    });
+    const std::string file = disk.path() + "/stall.mp4";
     ScriptedCamera cam(marked);
     QtMessageCollector log;
     RecordingStatus st;
@@ -651,16 +638,15 @@ TEST_F(SessionTest, AStalledDiskBoundsTheSoundQueueAndEndsTheRecording)
         rec->setFilename(QString::fromStdString(file));
         rec->startRecord();
         ASSERT_TRUE(rec->waitForRecordStart(30000));
-        std::this_thread::sleep_for(1s);
-        reading = false;
+        std::this_thread::sleep_for(1s); // the recording's length before the stall
+        ASSERT_TRUE(disk.freeze(true));
         EXPECT_TRUE(testutil::pollUntil([&] { return !rec->isRecording(); },
                                         std::chrono::seconds(int(FFmpegEncode::kMaxQueuedSoundSeconds) + 10)));
         st = rec.status();
         rec->stopRecord();
-        reading = true; // the writer may finish once the disk moves again
+        disk.freeze(false); // the writer may finish once the disk moves again
         EXPECT_TRUE(rec.waitSessionEnd(60s));
     });
-    disk.join();
     EXPECT_TRUE(st.endReason.startsWith(QStringLiteral("the disk stalled"))) << qPrintable(st.summary());
     const QRegularExpression peak(QStringLiteral("and (\\d+) audio blocks were queued"));
     long blocks = -1;

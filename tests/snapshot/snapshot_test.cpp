@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <unistd.h>
 
 #include <opencv2/imgproc.hpp>
 
@@ -69,10 +70,9 @@ cv::Mat decodeLast(const std::string &path)
     return readMediaFile(path, f) && !f.frames.empty() ? f.frames.back() : cv::Mat();
 }
 
-// The grey picture through the graph `w` describes; empty when it describes none.
-cv::Mat drawnThrough(stWaterprint w)
+// The grey picture through the graph `desc` describes; empty when it is empty.
+cv::Mat drawnThrough(const QByteArray &desc)
 {
-    const QByteArray desc = FFmpegApi().getFiltersDescr(w).toUtf8();
     FilterGraph graph;
     AVFrame *frame = av_frame_alloc();
     frame->format = AV_PIX_FMT_YUV420P;
@@ -91,6 +91,26 @@ cv::Mat drawnThrough(stWaterprint w)
         cv::cvtColor(i420, drawn, cv::COLOR_YUV2BGR_I420);
     av_frame_free(&frame);
     return drawn;
+}
+
+cv::Mat drawnThrough(stWaterprint w)
+{
+    return drawnThrough(FFmpegApi().getFiltersDescr(w).toUtf8());
+}
+
+// A text in red at 100,100 with the test's font, as the watermark's text template draws it.
+stWaterprint redText(const QString &text)
+{
+    // text, font, size, x, y, colour, time, text on, logo, logo x, logo y, logo on
+    return stWaterprint{text, kTestFont, 20, 100, 100, 0xFF0000, 0, 1, QString(), 0, 0, 0};
+}
+
+// A file of the user's with a link to it planted at `name`, as another user could in /tmp.
+void plantLink(const std::string &victim, const std::string &name)
+{
+    testutil::writeFileBytes(victim, "the user's own");
+    fs::remove(name);
+    fs::create_symlink(victim, name);
 }
 
 struct MarkRow {
@@ -139,7 +159,7 @@ TEST(Watermark, EachSettingDrawsItsTextTimeAndLogoAndNothingElse)
 }
 
 // The recording's watermark and the text snapshot draw with the library's fixed font.
-TEST(FixedFontText, IsDrawnWithTheFontAndFailsVisiblyWithoutIt)
+TEST(FixedFontText, IsDrawnWithTheFontFailsVisiblyWithoutItAndNeverWritesThroughAPlantedName)
 {
     testutil::TempDir dir;
     std::string file = dir.file("marked.mkv");
@@ -162,7 +182,9 @@ TEST(FixedFontText, IsDrawnWithTheFontAndFailsVisiblyWithoutIt)
     ASSERT_EQ(w.initFilters(w.videoEncoder()), 0);
     ASSERT_EQ(w.initFilters(w.videoEncoder()), 0);
     ASSERT_EQ(w.write_video(kGrey), 0);
+    plantLink(dir.file("victim"), jpeg);
     ASSERT_EQ(FFmpegApi::SaveAsJPEG(kGrey, 5), 0);
+    EXPECT_EQ(testutil::readFileBytes(dir.file("victim")), "the user's own");
     w.flush();
     // The text from (100, 100): the band it is drawn in changed, the rest did not.
     const cv::Rect band(100, 100, 400, 40), below(0, 300, 640, 180);
@@ -171,25 +193,42 @@ TEST(FixedFontText, IsDrawnWithTheFontAndFailsVisiblyWithoutIt)
         EXPECT_GT(meanAbsDiff(out(band), kGrey(band)), 5.0);
         EXPECT_LT(meanAbsDiff(out(below), kGrey(below)), 6.0);
     }
+    // Public as the user's other files are; another user's file at the name is left alone.
+    EXPECT_EQ(fs::status(jpeg).permissions() & ~fs::perms(0644), fs::perms::none);
+    ASSERT_EQ(chown(jpeg.c_str(), 4242, 4242), 0);
+    const std::string printed = testutil::captureStdout([&] { EXPECT_EQ(FFmpegApi::SaveAsJPEG(kGrey, 5), -1); });
+    EXPECT_NE(printed.find("cannot write " + jpeg + ": it belongs to another user"), std::string::npos) << printed;
     fs::remove(jpeg);
 }
 
-TEST(JpegSnapshot, TheLogoWriterNeedsItsLogoAndTheThreadWritesWhatIsQueuedBeforeTheExit)
+TEST(JpegSnapshot, TheLogoWriterNeedsItsLogoAndTheThreadKeepsTheNewestOfAFloodAndWritesWhatIsQueuedAtExit)
 {
     testutil::TempDir dir;
     const QString saved = QDir::currentPath();
     QDir::setCurrent(QString::fromStdString(dir.path()));
-    // Without cur_use_logo.png in the working directory it fails, after creating the file.
+    // Without cur_use_logo.png in the working directory it fails, leaving no file.
     fs::remove("/tmp/IMG_77.jpg");
     EXPECT_LT(FilterThread::instance()->saveAsJPEG(kGrey, 77), 0);
-    EXPECT_TRUE(fs::exists("/tmp/IMG_77.jpg"));
-    fs::remove("/tmp/IMG_77.jpg");
+    EXPECT_FALSE(fs::exists("/tmp/IMG_77.jpg"));
     writeLogo("cur_use_logo.png", 64, 32, cv::Scalar(0, 255, 255));
     const std::string file = "/tmp/IMG_13.jpg";
-    fs::remove(file);
+    // A flood: the queue keeps the newest few and counts what it drops; the newest is written.
+    FilterThread *thread = FilterThread::instance();
+    const quint64 before = thread->dropped();
+    constexpr int kFlood = 300;
+    for (int i = 0; i < kFlood; ++i)
+        thread->start(solidImage(160, 120, cv::Scalar(255, 0, i + 1 < kFlood ? 0 : 255)));
+    EXPECT_GT(thread->dropped() - before, quint64(kFlood / 2));
+    EXPECT_TRUE(testutil::pollUntil([&] {
+        const cv::Mat last = decodeLast(file);
+        return !last.empty() && cv::mean(last(cv::Rect(80, 40, 72, 72)))[2] > 220;
+    }, std::chrono::seconds(30)));
+    plantLink(dir.file("victim"), file);
     // Its own output shows in the test's.
     EXPECT_EQ(QProcess::execute(QStringLiteral(SNAPSHOT_EXIT_HELPER), {}), 0);
     QDir::setCurrent(saved);
+    EXPECT_EQ(testutil::readFileBytes(dir.file("victim")), "the user's own");
+    EXPECT_FALSE(fs::is_symlink(file));
     // Both snapshots queued just before the exit were written: the file holds the second,
     // red one, with the yellow logo at the top left.
     const cv::Mat decoded = decodeLast(file);
@@ -199,4 +238,30 @@ TEST(JpegSnapshot, TheLogoWriterNeedsItsLogoAndTheThreadWritesWhatIsQueuedBefore
     const cv::Scalar picture = cv::mean(decoded(cv::Rect(80, 40, 72, 72)));
     EXPECT_TRUE(picture[0] < 30 && picture[1] < 30 && picture[2] > 220) << picture;
     fs::remove(file);
+}
+
+TEST(Watermark, TextsOfEverySyntaxCharacterAreDrawnAsGivenAndCreateNothing)
+{
+    testutil::TempDir dir, cwd;
+    const QString saved = QDir::currentPath();
+    QDir::setCurrent(QString::fromStdString(cwd.path()));
+    std::string printable;
+    for (char c = ' '; c <= '~'; ++c)
+        printable += c;
+    const std::string texts[] = {printable, "x':textfile=/etc/hostname:y='1", "a%{localtime}b\\",
+                                 "w'[t];movie=pwned.png[l];[t][l]overlay,signature=filename=pwned"};
+    for (const std::string &text : texts) {
+        SCOPED_TRACE(text);
+        // The same text read from a file with expansion off: what "exactly as given" draws.
+        testutil::writeFileBytes(dir.file("text"), text);
+        const QByteArray literal = QByteArray("drawtext=fontfile=") + kTestFont
+            + ":fontsize=20:textfile=" + dir.file("text").c_str()
+            + ":expansion=none:x=100:y=100:fontcolor=ff0000";
+        const cv::Mat want = drawnThrough(literal), got = drawnThrough(redText(QString::fromStdString(text)));
+        ASSERT_FALSE(got.empty());
+        EXPECT_EQ(meanAbsDiff(got, want), 0.0);
+        EXPECT_GT(meanAbsDiff(got, kGrey), 0.1);
+    }
+    QDir::setCurrent(saved);
+    EXPECT_TRUE(fs::is_empty(cwd.path()));
 }

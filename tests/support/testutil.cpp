@@ -5,6 +5,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <malloc.h>
 #include <stdexcept>
@@ -102,6 +103,17 @@ long residentInUseKiB()
     return residentKiB();
 }
 
+std::string readFileBytes(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void writeFileBytes(const std::string &path, const std::string &bytes)
+{
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
 } // namespace testutil
 
 double testutil::processCpuSeconds()
@@ -110,3 +122,58 @@ double testutil::processCpuSeconds()
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
     return double(t.tv_sec) + t.tv_nsec / 1e9;
 }
+
+namespace testutil {
+
+namespace {
+bool shell(const std::string &command)
+{
+    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+} // namespace
+
+ScratchDisk::ScratchDisk(const std::string &where, int mib, bool freezable) : m_dir(where)
+{
+    std::filesystem::create_directories(m_dir);
+    if (geteuid() != 0)
+        return;
+    const std::string size = std::to_string(mib);
+    if (!freezable) {
+        m_mounted = shell("mount -t tmpfs -o size=" + size + "m tmpfs " + m_dir);
+        return;
+    }
+    // tmpfs cannot be frozen: ext4 can.
+    m_image = m_dir + ".img";
+    m_mounted = shell("truncate -s " + size + "M " + m_image) && shell("mkfs.ext4 -q " + m_image)
+        && shell("mount -o loop " + m_image + " " + m_dir);
+}
+
+ScratchDisk::~ScratchDisk()
+{
+    freeze(false);
+    if (m_mounted && !shell("umount " + m_dir))
+        std::fprintf(stderr, "ScratchDisk: could not unmount %s\n", m_dir.c_str());
+    if (!m_image.empty())
+        std::filesystem::remove(m_image);
+}
+
+bool ScratchDisk::freeze(bool on)
+{
+    if (!m_mounted || m_image.empty() || on == m_frozen)
+        return on == m_frozen;
+    if (!shell(std::string("fsfreeze ") + (on ? "-f " : "-u ") + m_dir))
+        return false;
+    m_frozen = on;
+    return true;
+}
+
+std::vector<std::string> ScratchDisk::names() const
+{
+    std::vector<std::string> out;
+    for (const auto &entry : std::filesystem::directory_iterator(m_dir))
+        if (entry.path().filename() != "lost+found")
+            out.push_back(entry.path().filename().string());
+    return out;
+}
+
+} // namespace testutil

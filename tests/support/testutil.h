@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace testutil {
 
@@ -28,6 +29,10 @@ private:
     std::string m_path;
 };
 
+// The whole content of a file ("" when it cannot be read), and a file made to hold `bytes`.
+std::string readFileBytes(const std::string &path);
+void writeFileBytes(const std::string &path, const std::string &bytes);
+
 // Runs `body` with standard output captured at the descriptor level (printf, puts,
 // std::cout and child writes alike) and returns what it printed.
 std::string captureStdout(const std::function<void()> &body);
@@ -43,6 +48,30 @@ long residentKiB();
 long residentInUseKiB();
 // CPU time of every thread of this process so far, seconds.
 double processCpuSeconds();
+
+// A small disk of its own mounted at a fresh directory (root only): a tmpfs of `mib` MiB
+// that fills, or, `freezable`, an ext4 image on a loop device whose writes block while
+// frozen (fsfreeze): a stalled disk as the kernel makes one. Unfrozen and unmounted at the
+// end, whatever failed.
+class ScratchDisk
+{
+public:
+    ScratchDisk(const std::string &where, int mib, bool freezable = false);
+    ~ScratchDisk();
+    ScratchDisk(const ScratchDisk &) = delete;
+    ScratchDisk &operator=(const ScratchDisk &) = delete;
+    bool mounted() const { return m_mounted; }
+    const std::string &path() const { return m_dir; }
+    bool freeze(bool on); // true when fsfreeze did it
+    // Names in the disk's top directory, lost+found aside.
+    std::vector<std::string> names() const;
+
+private:
+    std::string m_dir;
+    std::string m_image; // the ext4 image, empty for a tmpfs
+    bool m_mounted = false;
+    bool m_frozen = false;
+};
 
 } // namespace testutil
 
