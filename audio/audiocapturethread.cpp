@@ -120,9 +120,18 @@ bool AudiocaptureThread::open()
     return open([] { return false; });
 }
 
+bool AudiocaptureThread::open(const std::function<bool()> &stopRequested)
+{
+    QString why;
+    if (openSource(stopRequested, &why))
+        return true;
+    qWarning().noquote() << QStringLiteral("the camera's microphone is not recorded: %1").arg(why);
+    return false;
+}
+
 // The sound server first: it shares the microphone with every other program and serves
 // it even while another one records. The raw device is for machines without one.
-bool AudiocaptureThread::open(const std::function<bool()> &stopRequested)
+bool AudiocaptureThread::openSource(const std::function<bool()> &stopRequested, QString *why)
 {
     QStringList names{d->soundCardName};
     for (const char *fallback : kFallbackNames)
@@ -137,8 +146,7 @@ bool AudiocaptureThread::open(const std::function<bool()> &stopRequested)
         server.reset();
         auto device = std::make_unique<AlsaSource>();
         if (!device->open(names, stopRequested, &deviceWhy)) {
-            qWarning().noquote() << QStringLiteral("the camera's microphone is not recorded: %1 (sound server: %2)")
-                                        .arg(deviceWhy, serverWhy);
+            *why = QStringLiteral("%1 (sound server: %2)").arg(deviceWhy, serverWhy);
             return false;
         }
         d->source = std::move(device);
@@ -157,12 +165,15 @@ void AudiocaptureThread::run()
 // Re-opens the microphone after it went; false when it stays gone.
 bool AudiocaptureThread::reopen()
 {
+    QString why;
     for (int attempt = 1; attempt <= kReopenAttempts && d->bRun; ++attempt) {
-        if (open([this] { return !d->bRun; }))
+        if (openSource([this] { return !d->bRun; }, &why))
             return true;
         if (attempt < kReopenAttempts)
             QThread::usleep(kReopenPauseUs);
     }
+    if (!why.isEmpty())
+        qWarning().noquote() << QStringLiteral("the camera's microphone did not come back: %1").arg(why);
     return false;
 }
 

@@ -47,6 +47,7 @@ protected:
 private:
     void capture();
     bool waitForRecord();
+    bool openSource(const std::function<bool()> &stopRequested, QString *why);
     bool reopen();
 
     AudiocaptureThreadPrivate *d;

@@ -15,6 +15,8 @@ constexpr std::chrono::milliseconds kConnectTimeout{500};
 constexpr std::chrono::milliseconds kReplyTimeout{2000};
 // Fragment asked of the server, microseconds: its default buffers up to two seconds.
 constexpr pa_usec_t kFragmentUs = 10000;
+// A record stream's latency above this has not settled yet (microseconds).
+constexpr pa_usec_t kSettledLatencyUs = 100000;
 // Longest single wait for sound: a stop is seen at least this often.
 constexpr std::chrono::milliseconds kReadWait{50};
 // A stream that delivers nothing for this long is taken for gone.
@@ -249,13 +251,15 @@ CaptureSource::Read PulseSource::read(std::vector<int16_t> &buffer, long, const 
         }
         if (bytes > 0) {
             // The fragment's first frame was captured the stream's latency ago (which can
-            // be negative); before the first timing update, now stands in.
+            // be negative). Until the latency has settled (it reads hundreds of ms after
+            // connecting), and before the first timing update, arrival stands in: late,
+            // which the clock fit leaves out, never early, which it would keep.
             pa_usec_t latency = 0;
             int negative = 0;
-            double firstAt = steadySeconds();
-            if (pa_stream_get_latency(m_stream, &latency, &negative) >= 0)
-                firstAt += (negative ? 1.0 : -1.0) * double(latency) / 1e6;
             const long frames = long(bytes / frameBytes);
+            double firstAt = steadySeconds() - double(frames) / m_rate;
+            if (pa_stream_get_latency(m_stream, &latency, &negative) >= 0 && latency < kSettledLatencyUs)
+                firstAt = steadySeconds() + (negative ? 1.0 : -1.0) * double(latency) / 1e6;
             buffer.resize(size_t(frames) * size_t(m_channels));
             if (data)
                 memcpy(buffer.data(), data, size_t(frames) * frameBytes);
