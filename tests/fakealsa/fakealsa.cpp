@@ -296,7 +296,6 @@ int snd_ctl_close(snd_ctl_t *ctl)
     return 0;
 }
 
-const char *snd_ctl_name(snd_ctl_t *ctl) { return ctl->c_str(); }
 
 int snd_ctl_card_info(snd_ctl_t *ctl, snd_ctl_card_info_t *info)
 {
@@ -323,15 +322,12 @@ unsigned int snd_ctl_elem_list_get_numid(const List *list, unsigned int i) { ret
 
 void snd_ctl_elem_info_set_numid(Info *info, unsigned int numid) { info->numid = numid; }
 int snd_ctl_elem_info(snd_ctl_t *ctl, Info *info) { return readElement(ctl, *info); }
-snd_ctl_elem_iface_t snd_ctl_elem_info_get_interface(const Info *) { return SND_CTL_ELEM_IFACE_MIXER; }
 snd_ctl_elem_type_t snd_ctl_elem_info_get_type(const Info *e) { return snd_ctl_elem_type_t(e->type); }
 unsigned int snd_ctl_elem_info_get_count(const Info *info) { return info->count; }
 const char *snd_ctl_elem_info_get_name(const Info *info) { return info->name.c_str(); }
-long snd_ctl_elem_info_get_min(const Info *info) { return info->min; }
 long snd_ctl_elem_info_get_max(const Info *info) { return info->max; }
 
 // Names that are only logged.
-const char *snd_ctl_elem_iface_name(snd_ctl_elem_iface_t) { return "MIXER"; }
 const char *snd_ctl_elem_type_name(snd_ctl_elem_type_t) { return "TYPE"; }
 
 void snd_ctl_elem_value_set_numid(Value *value, unsigned int numid) { value->numid = numid; }
@@ -410,16 +406,6 @@ int snd_pcm_hw_params_set_rate_near(snd_pcm_t *pcm, snd_pcm_hw_params_t *params,
         return std::labs(long(a) - long(*val)) < std::labs(long(b) - long(*val));
     };
     *val = params->rate = *std::min_element(rates.begin(), rates.end(), nearer);
-    return 0;
-}
-
-int snd_pcm_hw_params_set_channels(snd_pcm_t *pcm, snd_pcm_hw_params_t *params, unsigned int val)
-{
-    Locked m;
-    const std::vector<unsigned int> &ok = m->cards.at(pcm->card).capture.channels;
-    if (std::find(ok.begin(), ok.end(), val) == ok.end())
-        return -EINVAL;
-    params->channels = val;
     return 0;
 }
 
