@@ -111,25 +111,42 @@ TEST_F(CaptureTest, OnlyTheCamerasCaptureControlsAreRaisedAndTheDeviceGivesTheCh
     EXPECT_EQ(listed(), 1);
 }
 
-// A device is kept with what it grants, or closed; a thread stopped before recording
-// ends promptly and closes it unread.
-TEST_F(CaptureTest, TheDeviceIsKeptWithWhatItGrantsOrClosed)
+// A device is kept with what it grants, or closed, and one that another program holds is
+// never waited on in the kernel: retried for two seconds at most, a stop cutting that
+// short. A thread stopped before recording ends promptly and closes the device unread.
+TEST_F(CaptureTest, TheDeviceIsKeptWithWhatItGrantsOrClosedAndAHeldOneIsNeverWaitedOn)
 {
     struct Row {
         Setting card;
+        long stopAfterMs; // -1: no stop
         int rate, channels; // granted; 0: refused
-    };
-    const Row rows[] = {
-        {[](auto &c) { c.rates = {32000, 44100, 96000}; c.channels = {2}; }, 44100, 2},
-        {[](auto &c) { c.openError = -EACCES; }, 0, 0},    // not busy: not retried
+        std::chrono::milliseconds within;
+    } const rows[] = {
+        {[](auto &c) { c.rates = {32000, 44100, 96000}; c.channels = {2}; }, -1, 44100, 2, 1000ms},
+        {[](auto &c) { c.openError = -EACCES; }, -1, 0, 0, 1000ms},
+        {[](auto &c) { c.heldMs = -1; }, -1, 0, 0, 3000ms},
+        {[](auto &c) { c.heldMs = -1; }, 300, 0, 0, 800ms},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(&row - rows);
         fakealsa::reset();
         addCamera(row.card);
         AudiocaptureThread cap(&encoder);
-        testutil::captureStdout([&] { EXPECT_EQ(cap.open(), row.rate > 0); });
-        EXPECT_EQ(fakealsa::pcmOpenAttempts().size(), 1u);
+        const auto since = std::chrono::steady_clock::now();
+        const auto stop = [&] {
+            return row.stopAfterMs >= 0 && std::chrono::steady_clock::now() - since >= std::chrono::milliseconds(row.stopAfterMs);
+        };
+        std::atomic<bool> done{false}, opened{false};
+        std::thread opener([&] {
+            testutil::captureStdout([&] { opened = cap.open(stop); });
+            done = true;
+        });
+        EXPECT_TRUE(testutil::pollUntil([&] { return done.load(); }, 5s));
+        EXPECT_LT(std::chrono::steady_clock::now() - since, row.within);
+        fakealsa::release(0); // an open blocked in the kernel returns now
+        opener.join();
+        EXPECT_EQ(opened, row.rate > 0);
+        EXPECT_EQ(fakealsa::blockedOpens(), 0);
         EXPECT_EQ(fakealsa::pcmOpenHandles(), row.rate > 0 ? 1 : 0);
         if (row.rate == 0)
             continue;
@@ -140,48 +157,6 @@ TEST_F(CaptureTest, TheDeviceIsKeptWithWhatItGrantsOrClosed)
         EXPECT_TRUE(testutil::pollUntil([&] { return cap.isOver(); }, 2s));
         EXPECT_EQ(fakealsa::framesDelivered(), 0);
         EXPECT_EQ(fakealsa::pcmOpenHandles(), 0);
-    }
-}
-
-// A device another program holds is never waited on in the kernel: retried for two
-// seconds at most, a stop cutting that short, and nothing is killed meanwhile.
-TEST_F(CaptureTest, AHeldDeviceIsRetriedBrieflyAndNeverWaitedOn)
-{
-    struct Row {
-        long heldMs;        // -1: for ever
-        long stopAfterMs;   // -1: no stop
-        bool opens;
-        std::chrono::milliseconds within;
-    } const rows[] = {
-        {-1, -1, false, 3000ms},
-        {-1, 300, false, 800ms},
-        {500, -1, true, 2000ms},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.heldMs);
-        fakealsa::reset();
-        addCamera([&](auto &c) { c.heldMs = row.heldMs; });
-        AudiocaptureThread cap(&encoder);
-        const auto since = std::chrono::steady_clock::now();
-        std::atomic<bool> done{false}, opened{false};
-        std::thread opener([&] {
-            testutil::captureStdout([&] {
-                opened = cap.open([&] {
-                    return row.stopAfterMs >= 0
-                        && std::chrono::steady_clock::now() - since >= std::chrono::milliseconds(row.stopAfterMs);
-                });
-            });
-            done = true;
-        });
-        const bool returned = testutil::pollUntil([&] { return done.load(); }, 5s);
-        const auto took = std::chrono::steady_clock::now() - since;
-        fakealsa::release(0); // an open blocked in the kernel returns now
-        opener.join();
-        EXPECT_TRUE(returned);
-        EXPECT_LT(took, row.within);
-        EXPECT_EQ(opened, row.opens);
-        EXPECT_EQ(fakealsa::blockedOpens(), 0);
-        EXPECT_EQ(fakealsa::pcmOpenHandles(), row.opens ? 1 : 0);
     }
 }
 
