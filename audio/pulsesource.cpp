@@ -147,9 +147,9 @@ bool PulseSource::listSources(std::vector<Candidate> &out, QString *why)
 bool PulseSource::connectStream(const Candidate &source, const std::function<bool()> &stopRequested,
                                 QString *why)
 {
-    const pa_sample_spec spec{PA_SAMPLE_S16LE, uint32_t(source.rate), uint8_t(source.channels)};
+    const pa_sample_spec format{PA_SAMPLE_S16LE, uint32_t(source.rate), uint8_t(source.channels)};
     pa_threaded_mainloop_lock(m_loop);
-    m_stream = pa_stream_new(m_context, kStreamName, &spec, nullptr);
+    m_stream = pa_stream_new(m_context, kStreamName, &format, nullptr);
     bool ok = m_stream != nullptr;
     if (ok) {
         const auto wakeUp = [](pa_stream *, void *self) { static_cast<PulseSource *>(self)->wake(); };
@@ -160,7 +160,7 @@ bool PulseSource::connectStream(const Candidate &source, const std::function<boo
         pa_buffer_attr attr;
         attr.maxlength = uint32_t(-1);
         attr.tlength = attr.prebuf = attr.minreq = uint32_t(-1);
-        attr.fragsize = uint32_t(pa_usec_to_bytes(kFragmentUs, &spec));
+        attr.fragsize = uint32_t(pa_usec_to_bytes(kFragmentUs, &format));
         // Corked until start(): what came before the recording is not recorded.
         const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING
                                              | PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_START_CORKED);

@@ -33,11 +33,11 @@ int main(int argc, char **argv)
     const double epoch = std::atof(argv[2]) / 1e9, period = std::atof(argv[3]) / 1000,
                  length = std::atof(argv[4]) / 1000, frequency = std::atof(argv[5]);
     const double until = steadyNow() + std::atof(argv[6]);
-    const pa_sample_spec spec{PA_SAMPLE_S16LE, kRate, 1};
-    pa_buffer_attr attr{uint32_t(-1), uint32_t(pa_usec_to_bytes(kQueuedUs, &spec)), uint32_t(-1), uint32_t(-1),
+    const pa_sample_spec format{PA_SAMPLE_S16LE, kRate, 1};
+    pa_buffer_attr attr{uint32_t(-1), uint32_t(pa_usec_to_bytes(kQueuedUs, &format)), uint32_t(-1), uint32_t(-1),
                         uint32_t(-1)};
     int err = 0;
-    pa_simple *s = pa_simple_new(nullptr, "beepplayer", PA_STREAM_PLAYBACK, argv[1], "beeps", &spec, nullptr, &attr, &err);
+    pa_simple *s = pa_simple_new(nullptr, "beepplayer", PA_STREAM_PLAYBACK, argv[1], "beeps", &format, nullptr, &attr, &err);
     if (!s) {
         fprintf(stderr, "beepplayer: cannot play into %s: %s\n", argv[1], pa_strerror(err));
         return 1;
