@@ -15,8 +15,11 @@ constexpr std::chrono::milliseconds kConnectTimeout{500};
 constexpr std::chrono::milliseconds kReplyTimeout{2000};
 // Fragment asked of the server, microseconds: its default buffers up to two seconds.
 constexpr pa_usec_t kFragmentUs = 10000;
-// A record stream's latency above this has not settled yet (microseconds).
+// A record stream's latency has settled once it has read below kSettledLatencyUs
+// (microseconds) for kSettleTime on end: after connecting it reads hundreds of ms, and
+// passes through smaller values that are still too large on its way down.
 constexpr pa_usec_t kSettledLatencyUs = 100000;
+constexpr double kSettleTime = 1.0; // seconds
 // Longest single wait for sound: a stop is seen at least this often.
 constexpr std::chrono::milliseconds kReadWait{50};
 // A stream that delivers nothing for this long is taken for gone.
@@ -251,15 +254,21 @@ CaptureSource::Read PulseSource::read(std::vector<int16_t> &buffer, long, const 
         }
         if (bytes > 0) {
             // The fragment's first frame was captured the stream's latency ago (which can
-            // be negative). Until the latency has settled (it reads hundreds of ms after
-            // connecting), and before the first timing update, arrival stands in: late,
-            // which the clock fit leaves out, never early, which it would keep.
+            // be negative). Until the latency has settled, and before the first timing
+            // update, arrival stands in: late, which the clock fit leaves out, never early,
+            // which it would keep.
             pa_usec_t latency = 0;
             int negative = 0;
             const long frames = long(bytes / frameBytes);
-            double firstAt = steadySeconds() - double(frames) / m_rate;
-            if (pa_stream_get_latency(m_stream, &latency, &negative) >= 0 && latency < kSettledLatencyUs)
-                firstAt = steadySeconds() + (negative ? 1.0 : -1.0) * double(latency) / 1e6;
+            const double now = steadySeconds();
+            double firstAt = now - double(frames) / m_rate;
+            const bool timed = pa_stream_get_latency(m_stream, &latency, &negative) >= 0;
+            if (!timed || latency >= kSettledLatencyUs)
+                m_settledSince = -1;
+            else if (m_settledSince < 0)
+                m_settledSince = now;
+            if (m_settledSince >= 0 && now - m_settledSince >= kSettleTime)
+                firstAt = now + (negative ? 1.0 : -1.0) * double(latency) / 1e6;
             buffer.resize(size_t(frames) * size_t(m_channels));
             if (data)
                 memcpy(buffer.data(), data, size_t(frames) * frameBytes);

@@ -48,6 +48,7 @@ private:
     bool m_listed = false;                  // the listing ended; under the loop's lock
     int m_rate = 0;                         // Hz, the source's own
     int m_channels = 0;                     // the source's own
+    double m_settledSince = -1;             // steady s since the latency reads settled; -1: not
 
     // The server's thread tells the reader that something happened (sound, a state change).
     std::mutex m_wakeMutex;
