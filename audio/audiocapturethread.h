@@ -9,8 +9,8 @@
 class FFmpegEncode;
 class AudiocaptureThreadPrivate;
 
-// Captures the camera's USB microphone through ALSA and hands encoder-sized PCM
-// blocks to the encoder. The session thread calls every public operation; open()
+// Captures the camera's USB microphone, through the sound server when one lists it, else
+// from the raw device, and hands encoder-sized PCM blocks to the encoder. The session thread calls every public operation; open()
 // also runs on the capture thread when it re-opens the device.
 class AudiocaptureThread : public QThread
 {
@@ -20,10 +20,12 @@ public:
     // Stops and waits for the thread, closes the device.
     ~AudiocaptureThread() override;
 
+    // Finds and opens the microphone; false (after a one-line warning saying why) when
+    // there is none to record. Never waits long on a busy device.
     bool open();
-    // The same, giving up between the retries of a busy device once `stopRequested`
-    // answers true (looked at least every kStopCheckMs).
+    // The same, giving up early once `stopRequested` answers true.
     bool open(const std::function<bool()> &stopRequested);
+    // The raw device ("hw:N") of the last card whose name contains `name`, or empty.
     QString snd_card_find(QString name);
 
     void startThread();
@@ -45,7 +47,7 @@ protected:
 private:
     void capture();
     bool waitForRecord();
-    long readSome(int16_t *buffer, long maxFrames);
+    bool openSource(const std::function<bool()> &stopRequested, QString *why);
     bool reopen();
 
     AudiocaptureThreadPrivate *d;

@@ -15,8 +15,9 @@ PACKAGES=(
   libopencv-core-dev libopencv-imgproc-dev libopencv-videoio-dev
   # ALSA
   libasound2-dev
-  # killall, run when the capture device is busy
-  psmisc
+  # the sound server client, and the servers the tests record through
+  libpulse-dev pulseaudio pulseaudio-utils pipewire pipewire-bin pipewire-pulse wireplumber
+  libspa-0.2-modules
   # tests and benchmarks
   libgtest-dev libgmock-dev
   # a real font for the watermark tests

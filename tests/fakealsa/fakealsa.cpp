@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -32,19 +33,21 @@ struct Card {
     Clock::time_point epoch{};      // when the card's frame 0 was captured
     unsigned int rate = 48000;      // Hz, of the stream that set the epoch
     int plugs = 0;                  // times it came back: handles opened before are dead
+    Clock::time_point heldUntil{};  // another program holds the device until then
 };
 
 // What reset() forgets. The counters are those of the functions of the same names.
 struct State {
     std::vector<Card> cards;
     std::vector<std::string> openAttempts;
-    int opens = 0, overruns = 0;
+    int opens = 0, overruns = 0, blockedOpens = 0;
     long framesDelivered = 0, framesLost = 0;
     std::optional<fakealsa::Beeps> beeps; // unset: steady tones
 };
 
 struct Model : State {
     std::mutex mutex;     // guards everything
+    std::condition_variable released; // a device was let go
     int openHandles = 0;  // kept by reset(): handles opened before it are closed after it
 } theModel;
 
@@ -154,10 +157,19 @@ int addCard(const std::string &name, const std::vector<Element> &elements, const
     Card c{name, elements, capture};
     for (Element &e : c.elements)
         e.values.resize(e.count, 0);
+    c.heldUntil = capture.heldMs < 0 ? Clock::time_point::max() : Clock::now() + milliseconds(capture.heldMs);
     Locked m;
     m->cards.push_back(c);
     return int(m->cards.size()) - 1;
 }
+
+void release(int card)
+{
+    Locked()->cards.at(card).heldUntil = Clock::now();
+    theModel.released.notify_all();
+}
+
+int blockedOpens() { return Locked()->blockedOpens; }
 
 void setControlOpenFails(int card) { Locked()->cards.at(card).controlFails = true; }
 
@@ -284,7 +296,6 @@ int snd_ctl_close(snd_ctl_t *ctl)
     return 0;
 }
 
-const char *snd_ctl_name(snd_ctl_t *ctl) { return ctl->c_str(); }
 
 int snd_ctl_card_info(snd_ctl_t *ctl, snd_ctl_card_info_t *info)
 {
@@ -311,15 +322,12 @@ unsigned int snd_ctl_elem_list_get_numid(const List *list, unsigned int i) { ret
 
 void snd_ctl_elem_info_set_numid(Info *info, unsigned int numid) { info->numid = numid; }
 int snd_ctl_elem_info(snd_ctl_t *ctl, Info *info) { return readElement(ctl, *info); }
-snd_ctl_elem_iface_t snd_ctl_elem_info_get_interface(const Info *) { return SND_CTL_ELEM_IFACE_MIXER; }
 snd_ctl_elem_type_t snd_ctl_elem_info_get_type(const Info *e) { return snd_ctl_elem_type_t(e->type); }
 unsigned int snd_ctl_elem_info_get_count(const Info *info) { return info->count; }
 const char *snd_ctl_elem_info_get_name(const Info *info) { return info->name.c_str(); }
-long snd_ctl_elem_info_get_min(const Info *info) { return info->min; }
 long snd_ctl_elem_info_get_max(const Info *info) { return info->max; }
 
-// Names that are only printed.
-const char *snd_ctl_elem_iface_name(snd_ctl_elem_iface_t) { return "MIXER"; }
+// Names that are only logged.
 const char *snd_ctl_elem_type_name(snd_ctl_elem_type_t) { return "TYPE"; }
 
 void snd_ctl_elem_value_set_numid(Value *value, unsigned int numid) { value->numid = numid; }
@@ -340,23 +348,38 @@ int snd_ctl_elem_value_get_boolean(const Value *v, unsigned int i) { return v->v
 
 // Of a value read first, as the capture code does.
 void snd_ctl_elem_value_set_integer(Value *v, unsigned int i, long val) { v->values.at(i) = val; }
+void snd_ctl_elem_value_set_boolean(Value *v, unsigned int i, long val) { v->values.at(i) = val != 0; }
 
-int snd_pcm_open(snd_pcm_t **pcm, const char *name, snd_pcm_stream_t stream, int /*mode*/)
+// As the kernel does for a device another program holds: a blocking open waits until it
+// is let go (for ever if it never is), a non-blocking one fails with -EBUSY.
+int snd_pcm_open(snd_pcm_t **pcm, const char *name, snd_pcm_stream_t stream, int mode)
 {
-    Locked m;
-    m->openAttempts.push_back(name ? name : "");
+    std::unique_lock<std::mutex> lock(theModel.mutex);
+    theModel.openAttempts.push_back(name ? name : "");
     Card *c = stream == SND_PCM_STREAM_CAPTURE ? cardNamed(name) : nullptr;
     if (!c)
         return -ENOENT;
     if (c->capture.openError)
         return c->capture.openError;
-    if (c->capture.busyOpens-- > 0) // counts down past 0, where it no longer matters
-        return -EBUSY;
+    const int index = int(c - theModel.cards.data());
+    const auto held = [&] { return Clock::now() < theModel.cards.at(index).heldUntil; };
+    if (held()) {
+        if (mode & SND_PCM_NONBLOCK)
+            return -EBUSY;
+        ++theModel.blockedOpens;
+        while (held()) {
+            const Clock::time_point until = theModel.cards.at(index).heldUntil;
+            if (until == Clock::time_point::max())
+                theModel.released.wait(lock);
+            else
+                theModel.released.wait_until(lock, until);
+        }
+    }
     *pcm = new _snd_pcm();
-    (*pcm)->card = int(c - m->cards.data());
-    (*pcm)->plugs = c->plugs;
-    ++m->opens;
-    ++m->openHandles;
+    (*pcm)->card = index;
+    (*pcm)->plugs = theModel.cards.at(index).plugs;
+    ++theModel.opens;
+    ++theModel.openHandles;
     return 0;
 }
 
@@ -386,13 +409,16 @@ int snd_pcm_hw_params_set_rate_near(snd_pcm_t *pcm, snd_pcm_hw_params_t *params,
     return 0;
 }
 
-int snd_pcm_hw_params_set_channels(snd_pcm_t *pcm, snd_pcm_hw_params_t *params, unsigned int val)
+// Grants the accepted channel count nearest the one asked (the smaller on a tie).
+int snd_pcm_hw_params_set_channels_near(snd_pcm_t *pcm, snd_pcm_hw_params_t *params, unsigned int *val)
 {
     Locked m;
     const std::vector<unsigned int> &ok = m->cards.at(pcm->card).capture.channels;
-    if (std::find(ok.begin(), ok.end(), val) == ok.end())
-        return -EINVAL;
-    params->channels = val;
+    const auto nearer = [&](unsigned int a, unsigned int b) {
+        const long da = std::labs(long(a) - long(*val)), db = std::labs(long(b) - long(*val));
+        return da < db || (da == db && a < b);
+    };
+    *val = params->channels = *std::min_element(ok.begin(), ok.end(), nearer);
     return 0;
 }
 

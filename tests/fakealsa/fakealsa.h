@@ -29,7 +29,9 @@ struct Capture {
     std::vector<unsigned int> channels{1, 2};   // accepted channel counts
     double frequency = 1000.0;   // channel c carries a sine of frequency x (c + 1) Hz
     double ppm = 0;              // the card's clock runs this much fast (+) or slow (-)
-    int busyOpens = 0;           // this many opens fail with -EBUSY first
+    long heldMs = 0;             // another program holds the device this long after the
+                                 // card is added (-1: until release()): a blocking open
+                                 // waits for it, a non-blocking one gets -EBUSY
     int openError = 0;           // every open fails with this (negative errno) if set
     long unplugAfterMs = -1;     // the card is unplugged this long after the epoch
     long replugAfterMs = -1;     // ...and back this long after it went (-1: never)
@@ -53,6 +55,8 @@ void setBeeps(const Beeps &beeps);
 void reset();
 // Adds a card (index = cards added before); returns its index.
 int addCard(const std::string &name, const std::vector<Element> &elements = {}, const Capture &capture = {});
+// The other program lets go of the card's device now.
+void release(int card);
 // The control device of this card fails to open.
 void setControlOpenFails(int card);
 
@@ -60,6 +64,8 @@ void setControlOpenFails(int card);
 std::vector<long> elementValues(int card, unsigned int numid);
 // Every snd_pcm_open call: the device name asked for.
 std::vector<std::string> pcmOpenAttempts();
+// Opens that had to wait for the device to be let go.
+int blockedOpens();
 // Successful opens.
 int pcmOpens();
 // Currently open capture handles (leak check).
