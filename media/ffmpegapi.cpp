@@ -204,6 +204,7 @@ void FFmpegApi::release()
     m_useFilter = false;
     sws_freeContext(m_scaler);
     m_scaler = nullptr;
+    av_frame_free(&m_input);
     freeOutputStream(&video_st);
     freeOutputStream(&audio_st);
     if (oc) {
@@ -522,6 +523,34 @@ int FFmpegApi::write_video(cv::Mat img, int64_t pts)
     AVFrame *frame = nextVideoFrame(img, pts);
     if (!frame)
         return -1;
+    return encodeVideoFrame(frame);
+}
+
+int FFmpegApi::write_video(const AVFrame *picture, int64_t pts)
+{
+    if (!m_headerWritten || !m_hasVideo || !video_st.frame)
+        return -1;
+    if (!picture || picture->format != video_st.enc->pix_fmt
+        || picture->width != video_st.enc->width || picture->height != video_st.enc->height)
+        return -1;
+    if (!m_input && !(m_input = av_frame_alloc())) {
+        puts("cannot allocate the picture reference");
+        return -1;
+    }
+    // A reference, not a copy: repeats of one picture share its pixels, each with its pts.
+    if (av_frame_ref(m_input, picture) < 0) {
+        puts("cannot reference the picture");
+        return -1;
+    }
+    m_input->pts = std::max(pts, video_st.next_pts);
+    video_st.next_pts = m_input->pts + 1;
+    const int result = encodeVideoFrame(m_input);
+    av_frame_unref(m_input);
+    return result;
+}
+
+int FFmpegApi::encodeVideoFrame(AVFrame *frame)
+{
     if (!m_useFilter)
         return encodeAndWrite(&video_st, frame);
 
