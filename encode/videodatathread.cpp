@@ -43,26 +43,27 @@ void VideoDataThread::setData(cv::Mat &frame)
     const auto given = std::chrono::steady_clock::now();
     // Outside the lock, so that the feeder never waits for it. The picture likely encoded
     // is converted straight from the host's buffer; one passed over costs a copy.
-    Picture fresh;
+    GivenFrame fresh;
     const bool taken = likelyTaken(given);
     if (taken && encoder && encoder->width() > 0 && encoder->height() > 0)
-        fresh.converted = givenConverter.convert(frame, static_cast<int>(encoder->width()),
-                                                 static_cast<int>(encoder->height()));
-    if (!fresh.converted) {
-        std::swap(fresh.frame, spareCopy);
-        frame.copyTo(fresh.frame); // reuses the spare's buffer when the size fits
+        fresh.picture.converted = givenConverter.convert(frame, static_cast<int>(encoder->width()),
+                                                         static_cast<int>(encoder->height()));
+    if (!fresh.picture.converted) {
+        std::swap(fresh.picture.frame, spareCopy);
+        frame.copyTo(fresh.picture.frame); // reuses the spare's buffer when the size fits
     }
     {
         std::lock_guard<std::mutex> lock(frameMutex);
         std::swap(slot.previous, slot.current);
-        std::swap(slot.current.picture, fresh);
+        std::swap(slot.current, fresh);
         slot.current.serial = ++frameSerial;
         slot.current.given = given;
+        // A copy the feeder's pass does not hold is nobody's but this thread's: kept for reuse.
+        if (!fresh.picture.frame.empty()
+            && (slot.feederHoldsFrom == 0 || fresh.serial < slot.feederHoldsFrom))
+            std::swap(spareCopy, fresh.picture.frame);
     }
-    // The slot's frame before last is let go here, outside the lock. A copy nobody else
-    // holds any more (the feeder only reads copies while it holds them) is kept for reuse.
-    if (fresh.frame.u && CV_XADD(&fresh.frame.u->refcount, 0) == 1)
-        std::swap(spareCopy, fresh.frame);
+    // Anything else of the slot's frame before last is let go here, outside the lock.
 }
 
 void VideoDataThread::start(FFmpegEncode *encoder)
@@ -152,7 +153,20 @@ bool VideoDataThread::handOver(int width, int height, const FrameSchedule &sched
         std::lock_guard<std::mutex> lock(frameMutex);
         current = slot.current;
         previous = slot.previous;
+        slot.feederHoldsFrom = previous.serial ? previous.serial : current.serial;
     }
+    // The copies are let go before setData may reuse their buffers, however the pass ends.
+    struct Release {
+        VideoDataThread &self;
+        GivenFrame &current, &previous;
+        ~Release()
+        {
+            current = GivenFrame();
+            previous = GivenFrame();
+            std::lock_guard<std::mutex> lock(self.frameMutex);
+            self.slot.feederHoldsFrom = 0;
+        }
+    } release{*this, current, previous};
     // An empty slot has nothing to scale: the pass hands nothing over.
     if (current.picture.empty())
         return false;

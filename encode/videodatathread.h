@@ -71,6 +71,7 @@ private:
     struct {
         GivenFrame current;            // the newest picture
         GivenFrame previous;           // the one before: a late pass may need it
+        uint64_t feederHoldsFrom = 0;  // the oldest serial a feeder's pass holds copies of; 0: none
     } slot;
     uint64_t frameSerial = 0;          // setData calls so far
     // Steady clock, ns since its epoch: when the feeder's next pass is due; 0 before its first.
