@@ -38,7 +38,8 @@ constexpr int64_t kFragmentUs = 1000000;
 // cluster in memory until a packet comes more than this after its start: 999 closes one
 // at the first packet a second or more after it (times are whole milliseconds).
 constexpr int64_t kClusterMs = 999;
-// Pixels a second up to which the video encoder runs on one thread: 1920x1080 at 30 fps.
+// Pixels a second up to which the video encoder runs on one thread: 1920x1080 at 30 fps
+// (measured); above it one core may not keep up, and x264 chooses its threads.
 constexpr int64_t kOneThreadPixelRate = int64_t(1920) * 1080 * 30;
 
 void freeOutputStream(OutputStream *ost)
@@ -68,9 +69,7 @@ void configureVideo(AVCodecContext *c, AVStream *st, AVCodecID codec_id, int bit
     c->time_base = st->time_base;
     c->gop_size = kGopSize;
     c->pix_fmt = AV_PIX_FMT_YUV420P;
-    // Fed in real time, x264's sliced threads wake every frame: one thread cost 7% less CPU a
-    // frame at 720p30 and the same at 1080p30 (interleaved CPU-time pairs); above that rate
-    // one core may not keep up, so x264 chooses.
+    // One thread: in real time, sliced threads cost 7% more a frame at 720p30, as much at 1080p30.
     if (int64_t(width) * height * fps <= kOneThreadPixelRate)
         c->thread_count = 1;
     if (c->codec_id == AV_CODEC_ID_MPEG2VIDEO)

@@ -228,7 +228,7 @@ TEST_F(PipelineTest, TheFeederTakesTheNewestFrameOncePerPeriodOfTheClockAndNoneW
     EXPECT_GT(n.back() - n.front(), 2 * long(n.size() - 1));
 }
 
-// An error on a worker thread (here OpenCV refusing to scale a 3-D picture) ends the
+// An error on a worker thread (here a 3-D picture that cannot be converted) ends the
 // recording with its reason instead of ending the process.
 TEST_F(PipelineTest, AnErrorOnAWorkerThreadEndsTheRecordingWithItsReason)
 {
