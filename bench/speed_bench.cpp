@@ -1,9 +1,11 @@
 // What a recording through the built plugin costs against the ffmpeg command line
 // encoding the same frames with the same settings. For each size, interleaved pairs: the
 // plugin records for N seconds (textured camera frames, simulated microphone), then
-// ffmpeg encodes the same number of the same frames with a tone of the same length. Every
-// pair's CPU ratio is printed, then the median and the spread, and both sides' peak
-// resident memory.
+// ffmpeg encodes the same number of the same frames with a tone of the same length, fed
+// once as fast as it reads (batch) and once at the recording's frame rate (real time, as a
+// camera feeds it); then x264 alone encodes the frames already in YUV 4:2:0, batch, without
+// sound: the floor no recorder gets under. Every pair's CPU ratios are printed, then the
+// medians and the spread, and the peak resident memory.
 //
 // usage: speed_bench [--seconds 20] [--pairs 5] [--sizes 1280x720,1920x1080] [--fps 30]
 //                    [--bitrate 2000000] [--side both|plugin|ffmpeg] [--plugin PATH]
@@ -58,9 +60,10 @@ constexpr double kToneHz = 1000.0;
 constexpr std::chrono::milliseconds kPeakPollPeriod{10};
 // Longest a recording may take to finish after stopRecord.
 constexpr std::chrono::minutes kStopTimeout{5};
-// The acceptance bounds the summary checks: median CPU ratio, and how far the plugin's
-// peak may exceed the command line's.
-constexpr double kMaxMedianRatio = 0.90;
+// The acceptance bounds the summary checks: median CPU ratio to the command line fed in
+// real time and to the batch one, and how far the plugin's peak may exceed the command line's.
+constexpr double kMaxRealTimeRatio = 0.90;
+constexpr double kMaxBatchRatio = 1.00;
 constexpr double kMaxExtraPeakMiB = 40.0;
 
 // Bounds of the options' values.
@@ -89,6 +92,13 @@ struct PluginRun {
     long dropped = 0;       // frames the encoder's full queue dropped
     long startKiB = 0;      // resident size just before startRecord (frames, plugin loaded)
     long peakKiB = 0;       // peak resident size of the process
+};
+
+// How the command line is fed and what it encodes.
+enum class Reference {
+    Batch,    // the camera's BGR frames and the tone, written as fast as it reads them
+    RealTime, // the same, one frame per frame period
+    X264,     // the frames already in YUV 4:2:0, batch, no sound
 };
 
 // What one ffmpeg command line run cost.
@@ -258,7 +268,7 @@ PluginRun recordInChild(const Options &o, const std::vector<cv::Mat> &pictures, 
 // ffmpeg command line at the plugin's settings: x264 superfast, zerolatency, GOP 12, the
 // bit rate, yuv420p; AAC 64 kbit/s mono.
 FfmpegRun encodeWithFfmpeg(const Options &o, const std::vector<cv::Mat> &pictures, int w, int h,
-                           long frames, const std::string &file)
+                           long frames, const std::string &file, Reference reference)
 {
     FfmpegRun r;
     const std::string size = std::to_string(w) + "x" + std::to_string(h);
@@ -267,13 +277,23 @@ FfmpegRun encodeWithFfmpeg(const Options &o, const std::vector<cv::Mat> &picture
     const std::string bitrate = std::to_string(o.bitrate);
     const std::string sine = "sine=frequency=" + std::to_string(int(kToneHz)) + ":sample_rate="
         + std::to_string(kSampleRate) + ":duration=" + duration;
+    const bool yuv = reference == Reference::X264;
     std::vector<std::string> args = {"ffmpeg", "-nostdin", "-loglevel", "error", "-y",
-                                     "-f", "rawvideo", "-pix_fmt", "bgr24", "-s", size,
-                                     "-r", rate, "-i", "pipe:0", "-f", "lavfi", "-i", sine,
-                                     "-c:v", "libx264", "-preset", "superfast",
-                                     "-tune", "zerolatency", "-g", "12", "-b:v", bitrate,
-                                     "-pix_fmt", "yuv420p", "-c:a", "aac", "-b:a", "64000",
-                                     "-ac", "1", file};
+                                     "-f", "rawvideo", "-pix_fmt", yuv ? "yuv420p" : "bgr24",
+                                     "-s", size, "-r", rate, "-i", "pipe:0"};
+    const std::vector<std::string> video = {"-c:v", "libx264", "-preset", "superfast",
+                                            "-tune", "zerolatency", "-g", "12", "-b:v", bitrate,
+                                            "-pix_fmt", "yuv420p"};
+    const std::vector<std::string> sound = {"-f", "lavfi", "-i", sine, "-c:a", "aac",
+                                            "-b:a", "64000", "-ac", "1"};
+    if (!yuv)
+        args.insert(args.end(), sound.begin(), sound.begin() + 4);
+    args.insert(args.end(), video.begin(), video.end());
+    if (yuv)
+        args.push_back("-an");
+    else
+        args.insert(args.end(), sound.begin() + 4, sound.end());
+    args.push_back(file);
     std::vector<char *> argv;
     for (std::string &a : args)
         argv.push_back(a.data());
@@ -311,7 +331,11 @@ FfmpegRun encodeWithFfmpeg(const Options &o, const std::vector<cv::Mat> &picture
         }
     });
     bool fed = true;
+    const auto start = Clock::now();
+    const auto period = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / o.fps;
     for (long i = 0; i < frames && fed; ++i) {
+        if (reference == Reference::RealTime)
+            std::this_thread::sleep_until(start + i * period);
         const cv::Mat &p = pictures[i % pictures.size()];
         const size_t bytes = p.total() * p.elemSize();
         for (size_t done = 0; done < bytes && fed;) {
@@ -359,15 +383,37 @@ double mib(long kib)
     return kib / 1024.0;
 }
 
+// The camera's pictures as x264 takes them: YUV 4:2:0, planes one after the other.
+std::vector<cv::Mat> inYuv420(const std::vector<cv::Mat> &pictures)
+{
+    std::vector<cv::Mat> yuv(pictures.size());
+    for (size_t i = 0; i < pictures.size(); ++i)
+        cv::cvtColor(pictures[i], yuv[i], cv::COLOR_BGR2YUV_I420);
+    return yuv;
+}
+
+// The line of one spread of ratios, and whether its median is within `bound`.
+bool printRatio(const char *what, const std::vector<double> &ratios, double bound)
+{
+    const Spread r = spreadOf(ratios);
+    const bool ok = r.median <= bound;
+    std::printf("  CPU ratio plugin / %s: median %.2f (min %.2f, max %.2f over %zu pairs); "
+                "at most %.2f: %s\n",
+                what, r.median, r.min, r.max, ratios.size(), bound, ok ? "yes" : "NO");
+    return ok;
+}
+
 // The pairs of one size; false when a run failed or a bound was not met.
 bool benchSize(const Options &o, int w, int h)
 {
     const std::vector<cv::Mat> pictures = renderPictures(w, h);
+    const std::vector<cv::Mat> yuvPictures = inYuv420(pictures);
     const double picturesMiB = kPictures * double(w) * h * 3 / (1024 * 1024);
     testutil::TempDir dir;
     std::printf("%dx%d@%d, %u bit/s, %d pairs of %.0f s\n", w, h, o.fps, o.bitrate, o.pairs,
                 o.seconds);
-    std::vector<double> ratios, pluginPeaks, ffmpegPeaks, wholePeaks;
+    std::vector<double> batchRatios, realTimeRatios, floorRatios, pluginPeaks, ffmpegPeaks,
+        wholePeaks;
     bool ok = true;
     for (int pair = 1; pair <= o.pairs; ++pair) {
         const std::string pluginFile = dir.file("plugin.mp4");
@@ -383,10 +429,12 @@ bool benchSize(const Options &o, int w, int h)
             }
             frames = p.frames;
         }
-        FfmpegRun f;
+        FfmpegRun batch, realTime, x264;
         if (o.side != QLatin1String("plugin")) {
-            f = encodeWithFfmpeg(o, pictures, w, h, frames, ffmpegFile);
-            if (!f.ok) {
+            batch = encodeWithFfmpeg(o, pictures, w, h, frames, ffmpegFile, Reference::Batch);
+            realTime = encodeWithFfmpeg(o, pictures, w, h, frames, ffmpegFile, Reference::RealTime);
+            x264 = encodeWithFfmpeg(o, yuvPictures, w, h, frames, ffmpegFile, Reference::X264);
+            if (!batch.ok || !realTime.ok || !x264.ok) {
                 std::printf("  pair %d: the ffmpeg command line failed\n", pair);
                 ok = false;
                 continue;
@@ -402,40 +450,44 @@ bool benchSize(const Options &o, int w, int h)
             wholePeaks.push_back(mib(p.peakKiB) - picturesMiB);
         }
         if (o.side != QLatin1String("plugin")) {
-            std::printf(" ffmpeg %.3f CPU s/s, peak %.1f MiB;", f.cpuSeconds / content,
-                        mib(f.peakKiB));
-            ffmpegPeaks.push_back(mib(f.peakKiB));
+            std::printf(" ffmpeg batch %.3f, real time %.3f CPU s/s, peak %.1f MiB; x264 alone %.3f;",
+                        batch.cpuSeconds / content, realTime.cpuSeconds / content,
+                        mib(std::max(batch.peakKiB, realTime.peakKiB)), x264.cpuSeconds / content);
+            ffmpegPeaks.push_back(mib(std::max(batch.peakKiB, realTime.peakKiB)));
         }
         if (o.side == QLatin1String("both")) {
-            ratios.push_back(p.cpuSeconds / f.cpuSeconds);
-            std::printf(" ratio %.2f", ratios.back());
+            batchRatios.push_back(p.cpuSeconds / batch.cpuSeconds);
+            realTimeRatios.push_back(p.cpuSeconds / realTime.cpuSeconds);
+            floorRatios.push_back(x264.cpuSeconds / p.cpuSeconds);
+            std::printf(" ratios: real time %.2f, batch %.2f; x264 alone %.2f of the plugin",
+                        realTimeRatios.back(), batchRatios.back(), floorRatios.back());
         }
         std::printf("\n");
         std::fflush(stdout);
     }
-    if (o.side != QLatin1String("both") || ratios.empty())
+    if (o.side != QLatin1String("both") || batchRatios.empty())
         return ok;
-    const Spread ratio = spreadOf(ratios);
+    const bool realTimeOk = printRatio("real-time ffmpeg", realTimeRatios, kMaxRealTimeRatio);
+    const bool batchOk = printRatio("batch ffmpeg", batchRatios, kMaxBatchRatio);
+    const Spread floor = spreadOf(floorRatios);
+    std::printf("  floor, x264 alone on YUV frames / plugin: median %.2f (min %.2f, max %.2f)\n",
+                floor.median, floor.min, floor.max);
     const Spread plugin = spreadOf(pluginPeaks);
     const Spread whole = spreadOf(wholePeaks);
     const Spread ffmpeg = spreadOf(ffmpegPeaks);
-    const bool ratioOk = ratio.median <= kMaxMedianRatio;
     const bool peakOk = plugin.median <= ffmpeg.median + kMaxExtraPeakMiB;
-    std::printf("  CPU ratio plugin / ffmpeg: median %.2f (min %.2f, max %.2f over %zu pairs); "
-                "at most %.2f: %s\n",
-                ratio.median, ratio.min, ratio.max, ratios.size(), kMaxMedianRatio,
-                ratioOk ? "yes" : "NO");
     std::printf("  peak RSS plugin (over its start): median %.1f MiB, max %.1f MiB\n",
                 plugin.median, plugin.max);
     std::printf("  peak RSS plugin (whole process less the camera's %.1f MiB): median %.1f MiB, "
                 "max %.1f MiB\n",
                 picturesMiB, whole.median, whole.max);
-    std::printf("  peak RSS ffmpeg CLI (whole process): median %.1f MiB, min %.1f MiB, max %.1f MiB\n",
+    std::printf("  peak RSS ffmpeg CLI (whole process, the larger of batch and real time): "
+                "median %.1f MiB, min %.1f MiB, max %.1f MiB\n",
                 ffmpeg.median, ffmpeg.min, ffmpeg.max);
     std::printf("  plugin's median peak (over its start) at most ffmpeg's + %.0f MiB: %s\n",
                 kMaxExtraPeakMiB, peakOk ? "yes" : "NO");
     std::fflush(stdout);
-    return ok && ratioOk && peakOk;
+    return ok && realTimeOk && batchOk && peakOk;
 }
 
 Options parseOptions()
@@ -495,7 +547,8 @@ int main(int argc, char **argv)
                 "just before startRecord\n(camera pictures rendered, plugin loaded); "
                 "ffmpeg's is its whole process's, read every %lld ms.\n"
                 "Camera: %d pre-rendered textured pictures (a panned scene with sensor "
-                "noise), cycled; ffmpeg reads the same ones from a pipe.\n",
+                "noise), cycled; ffmpeg reads the same ones from a pipe, batch and at the "
+                "frame rate;\nx264 alone reads them in YUV 4:2:0, batch, without sound.\n",
                 static_cast<long long>(kPeakPollPeriod.count()), kPictures);
     bool ok = true;
     for (const auto &[w, h] : o.sizes)

@@ -12,9 +12,15 @@
 
 namespace {
 
-size_t pictureBytes(const cv::Mat &picture)
+// Where a queued picture's pixels start, and how many bytes they take.
+const void *pixelsOf(const cv::Mat &picture, const EncoderPicture &converted)
 {
-    return picture.total() * picture.elemSize();
+    return converted ? static_cast<const void *>(converted->buf[0]->data) : picture.datastart;
+}
+
+size_t pictureBytes(const cv::Mat &picture, const EncoderPicture &converted)
+{
+    return converted ? converted->buf[0]->size : picture.total() * picture.elemSize();
 }
 
 long toMs(int64_t samples, unsigned int rate)
@@ -137,7 +143,7 @@ void FFmpegEncode::addVideo(cv::Mat &frame, int times, int64_t pts)
     // the capture thread from waiting while megabytes of pixels move.
     cv::Mat copy;
     frame.copyTo(copy);
-    queueVideo(copy, times, pts);
+    queueVideo(QueuedFrame{copy, nullptr, pts}, times);
 }
 
 void FFmpegEncode::addVideoShared(cv::Mat frame, int times, int64_t pts)
@@ -148,7 +154,14 @@ void FFmpegEncode::addVideoShared(cv::Mat frame, int times, int64_t pts)
         addVideo(frame, times, pts);
         return;
     }
-    queueVideo(frame, times, pts);
+    queueVideo(QueuedFrame{frame, nullptr, pts}, times);
+}
+
+void FFmpegEncode::addVideoConverted(EncoderPicture picture, int times, int64_t pts)
+{
+    if (times <= 0 || !picture)
+        return;
+    queueVideo(QueuedFrame{cv::Mat(), std::move(picture), pts}, times);
 }
 
 bool FFmpegEncode::takesVideo(int times, int64_t pts)
@@ -158,23 +171,24 @@ bool FFmpegEncode::takesVideo(int times, int64_t pts)
     return !(((state & kOpen) && !m_recVideo) || (state & (kFailed | kOver)));
 }
 
-void FFmpegEncode::countEntry(const cv::Mat &picture)
+void FFmpegEncode::countEntry(const QueuedFrame &entry)
 {
-    if (entriesPerPicture[picture.datastart]++ == 0)
-        videoQueuedBytes += pictureBytes(picture);
+    if (entriesPerPicture[pixelsOf(entry.picture, entry.converted)]++ == 0)
+        videoQueuedBytes += pictureBytes(entry.picture, entry.converted);
 }
 
-void FFmpegEncode::uncountEntry(const cv::Mat &picture)
+void FFmpegEncode::uncountEntry(const QueuedFrame &entry)
 {
-    const auto it = entriesPerPicture.find(picture.datastart);
+    const auto it = entriesPerPicture.find(pixelsOf(entry.picture, entry.converted));
     if (it == entriesPerPicture.end() || --it->second > 0)
         return;
-    videoQueuedBytes -= pictureBytes(picture);
+    videoQueuedBytes -= pictureBytes(entry.picture, entry.converted);
     entriesPerPicture.erase(it);
 }
 
-void FFmpegEncode::queueVideo(const cv::Mat &picture, int times, int64_t pts)
+void FFmpegEncode::queueVideo(const QueuedFrame &first, int times)
 {
+    const int64_t pts = first.pts;
     const int maxFrames = recordingFps(m_fps);
     {
         std::lock_guard<std::mutex> lock(queueMutex);
@@ -182,15 +196,17 @@ void FFmpegEncode::queueVideo(const cv::Mat &picture, int times, int64_t pts)
             return; // nothing will write it
         // Repeats share the pixels: the writer only reads them.
         for (int i = 0; i < times; ++i) {
-            videoList.append(QueuedFrame{picture, pts + i});
-            countEntry(picture);
+            QueuedFrame entry = first;
+            entry.pts = pts + i;
+            countEntry(entry);
+            videoList.append(std::move(entry));
         }
         // Over the bounds, the frames just before the newest go: the newest is kept, so
         // that the picture ends when the recording does, whatever was dropped on the way.
         while (videoList.size() > 1
                && (videoList.size() > maxFrames || videoQueuedBytes > kMaxQueuedVideoBytes)) {
             const int victim = videoList.size() - 2;
-            uncountEntry(videoList[victim].picture);
+            uncountEntry(videoList[victim]);
             videoList.removeAt(victim);
             ++droppedVideo;
         }
@@ -415,10 +431,12 @@ void FFmpegEncode::encode()
 void FFmpegEncode::writeFirstVideo(std::unique_lock<std::mutex> &lock, FFmpegApi &writer)
 {
     QueuedFrame item = videoList.takeFirst();
-    uncountEntry(item.picture);
+    uncountEntry(item);
     lock.unlock();
-    const int written = writer.write_video(item.picture, item.pts);
+    const int written = item.converted ? writer.write_video(item.converted.get(), item.pts)
+                                       : writer.write_video(item.picture, item.pts);
     item.picture.release();
+    item.converted.reset();
     checkWriter(writer);
     lock.lock();
     if (written == 0) {

@@ -13,6 +13,7 @@
 #include <unordered_map>
 
 #include "media/audioblock.h"
+#include "media/frameconverter.h"
 #include "media/threadexit.h"
 
 class FFmpegApi;
@@ -113,6 +114,9 @@ public:
     // so nobody may write them again (the feeder hands over a fresh buffer per camera
     // frame). Pixels the Mat does not own (no reference count) are copied.
     void addVideoShared(cv::Mat frame, int times, int64_t pts);
+    // As addVideoShared, for a picture already converted for the encoder at the recording
+    // size: the writer encodes it as it is.
+    void addVideoConverted(EncoderPicture picture, int times, int64_t pts);
     void addAudio(AudioBlock block);
     // The session, before the feeder and the capture start: when the picture's frame 0 is
     // due (steady clock). The sound is placed and kept against it.
@@ -133,19 +137,20 @@ protected:
 
 private:
     struct QueuedFrame {
-        cv::Mat picture;   // shared by repeats of one picture
+        cv::Mat picture;   // shared by repeats of one picture; empty when converted is set
+        EncoderPicture converted; // shared likewise: the picture made for the encoder
         int64_t pts = 0;   // frame periods since the start of the recording
     };
 
     // Under queueMutex: whether a frame handed over now will be written; either way the
     // next frame without a pts follows these.
     bool takesVideo(int times, int64_t pts);
-    // Queues the picture `times` over and applies the bounds.
-    void queueVideo(const cv::Mat &picture, int times, int64_t pts);
-    // Under queueMutex: one queue entry of `picture` more or less; its bytes count once,
+    // Queues the picture of `first` `times` over from its pts and applies the bounds.
+    void queueVideo(const QueuedFrame &first, int times);
+    // Under queueMutex: one queue entry of a picture more or less; its bytes count once,
     // from its first entry to its last.
-    void countEntry(const cv::Mat &picture);
-    void uncountEntry(const cv::Mat &picture);
+    void countEntry(const QueuedFrame &entry);
+    void uncountEntry(const QueuedFrame &entry);
     void encode();
     void writeQueued(FFmpegApi &writer, SoundTimeline &timeline);
     void writeFirstVideo(std::unique_lock<std::mutex> &lock, FFmpegApi &writer);
@@ -192,7 +197,7 @@ private:
     int64_t nextVideoPts = 0;                // pts of a frame queued without one
     size_t videoQueuedBytes = 0;             // bytes of pixels in videoList, shared ones once
     // Entries in videoList per picture, by the start of its pixels (alive while counted).
-    std::unordered_map<const uchar *, int> entriesPerPicture;
+    std::unordered_map<const void *, int> entriesPerPicture;
     int peakVideoQueued = 0;                 // frames: videoList's longest length so far
     int peakAudioQueued = 0;                 // blocks: audioList's longest length so far
     size_t peakVideoQueuedBytes = 0;         // bytes: videoQueuedBytes's largest value so far

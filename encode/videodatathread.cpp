@@ -2,7 +2,7 @@
 
 #include <QDebug>
 #include <algorithm>
-#include <opencv2/imgproc.hpp>
+#include <stdexcept>
 
 #include "ffmpegencode.h"
 #include "frameschedule.h"
@@ -26,20 +26,44 @@ VideoDataThread::~VideoDataThread()
     exit.join(this);
 }
 
+bool VideoDataThread::likelyTaken(std::chrono::steady_clock::time_point given)
+{
+    const auto interval = given - lastGiven;
+    lastGiven = given;
+    const int64_t dueNs = nextDueNs.load(std::memory_order_relaxed);
+    if (dueNs == 0 || interval <= interval.zero())
+        return true;
+    // The pass takes the newest frame: this one, unless the next comes first, about one
+    // interval on. A wrong guess costs a copy or a conversion, never a picture.
+    return given + interval >= std::chrono::steady_clock::time_point(std::chrono::nanoseconds(dueNs));
+}
+
 void VideoDataThread::setData(cv::Mat &frame)
 {
     const auto given = std::chrono::steady_clock::now();
-    // Copied outside the lock, so that the feeder never waits for it.
-    cv::Mat fresh;
-    frame.copyTo(fresh);
+    // Outside the lock, so that the feeder never waits for it. The picture likely encoded
+    // is converted straight from the host's buffer; one passed over costs a copy.
+    GivenFrame fresh;
+    const bool taken = likelyTaken(given);
+    if (taken && encoder && encoder->width() > 0 && encoder->height() > 0)
+        fresh.picture.converted = givenConverter.convert(frame, static_cast<int>(encoder->width()),
+                                                         static_cast<int>(encoder->height()));
+    if (!fresh.picture.converted) {
+        std::swap(fresh.picture.frame, spareCopy);
+        frame.copyTo(fresh.picture.frame); // reuses the spare's buffer when the size fits
+    }
     {
         std::lock_guard<std::mutex> lock(frameMutex);
         std::swap(slot.previous, slot.current);
-        std::swap(slot.current.frame, fresh);
+        std::swap(slot.current, fresh);
         slot.current.serial = ++frameSerial;
         slot.current.given = given;
+        // A copy the feeder's pass does not hold is nobody's but this thread's: kept for reuse.
+        if (!fresh.picture.frame.empty()
+            && (slot.feederHoldsFrom == 0 || fresh.serial < slot.feederHoldsFrom))
+            std::swap(spareCopy, fresh.picture.frame);
     }
-    // The slot's frame before last is let go here, outside the lock (freed unless queued).
+    // Anything else of the slot's frame before last is let go here, outside the lock.
 }
 
 void VideoDataThread::start(FFmpegEncode *encoder)
@@ -91,7 +115,7 @@ void VideoDataThread::run()
         ready.store(true, std::memory_order_release);
     }
     controlCondition.notify_all();
-    // Nothing may leave a worker thread (cv::resize and allocations throw): the encoder
+    // Nothing may leave a worker thread (OpenCV and allocations throw): the encoder
     // ends the recording with the reason.
     try {
         feed();
@@ -104,19 +128,19 @@ void VideoDataThread::run()
     exit.markReturned();
 }
 
-// The picture at the target size: the frame itself, or its scaled copy, made once per
-// camera frame (a new buffer each time: the queue may still share the last one).
-cv::Mat VideoDataThread::atTargetSize(const GivenFrame &g, int width, int height)
+// The picture converted for the encoder: as setData made it, or made here once per camera
+// frame from a copy. One that cannot be converted ends the recording with the reason.
+EncoderPicture VideoDataThread::atTargetSize(const GivenFrame &g, int width, int height)
 {
-    if (g.frame.rows == height && g.frame.cols == width)
-        return g.frame;
-    if (scaledFrame.empty() || scaledSerial != g.serial) {
-        cv::Mat scaled(height, width, g.frame.type());
-        cv::resize(g.frame, scaled, cv::Size(width, height), 0, 0, cv::INTER_NEAREST);
-        scaledFrame = scaled;
+    if (g.picture.converted)
+        return g.picture.converted;
+    if (!scaledPicture || scaledSerial != g.serial) {
+        scaledPicture = feederConverter.convert(g.picture.frame, width, height);
+        if (!scaledPicture)
+            throw std::runtime_error("a camera picture could not be converted for the encoder");
         scaledSerial = g.serial;
     }
-    return scaledFrame;
+    return scaledPicture;
 }
 
 // Hands over the frames the schedule's last take() made due, at the target size; false
@@ -129,9 +153,22 @@ bool VideoDataThread::handOver(int width, int height, const FrameSchedule &sched
         std::lock_guard<std::mutex> lock(frameMutex);
         current = slot.current;
         previous = slot.previous;
+        slot.feederHoldsFrom = previous.serial ? previous.serial : current.serial;
     }
+    // The copies are let go before setData may reuse their buffers, however the pass ends.
+    struct Release {
+        VideoDataThread &self;
+        GivenFrame &current, &previous;
+        ~Release()
+        {
+            current = GivenFrame();
+            previous = GivenFrame();
+            std::lock_guard<std::mutex> lock(self.frameMutex);
+            self.slot.feederHoldsFrom = 0;
+        }
+    } release{*this, current, previous};
     // An empty slot has nothing to scale: the pass hands nothing over.
-    if (current.frame.empty())
+    if (current.picture.empty())
         return false;
     const int copies = schedule.takenCount();
     const int64_t pts = schedule.takenPts();
@@ -140,23 +177,23 @@ bool VideoDataThread::handOver(int width, int height, const FrameSchedule &sched
     // previous picture, frames [beforePrevious, beforeCurrent) for the current one.
     const auto halfPeriod = std::chrono::nanoseconds(500000000LL / schedule.fps());
     const int beforeCurrent = std::min(schedule.takenDueBefore(current.given - halfPeriod), copies);
-    const int beforePrevious = previous.frame.empty()
+    const int beforePrevious = previous.picture.empty()
         ? beforeCurrent
         : std::min(schedule.takenDueBefore(previous.given - halfPeriod), beforeCurrent);
     int handed = 0;
-    const auto hand = [&](const cv::Mat &picture, int upTo) {
+    const auto handUpTo = [&](const EncoderPicture &picture, int upTo) {
         if (upTo > handed) {
-            encoder->addVideoShared(picture, upTo - handed, pts + handed);
+            encoder->addVideoConverted(picture, upTo - handed, pts + handed);
             lastHanded = picture;
             handed = upTo;
         }
     };
     // Before any picture came (the recording's first frames) the first one stands in.
-    if (!lastHanded.empty())
-        hand(lastHanded, beforePrevious);
-    if (!previous.frame.empty())
-        hand(atTargetSize(previous, width, height), beforeCurrent);
-    hand(atTargetSize(current, width, height), copies);
+    if (lastHanded)
+        handUpTo(lastHanded, beforePrevious);
+    if (!previous.picture.empty())
+        handUpTo(atTargetSize(previous, width, height), beforeCurrent);
+    handUpTo(atTargetSize(current, width, height), copies);
     return true;
 }
 
@@ -195,6 +232,9 @@ void VideoDataThread::feed()
         const int due = schedule.take(now);
         if (due > 0 && handOver(width, height, schedule))
             handed += due;
+        nextDueNs.store(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                            schedule.nextDue().time_since_epoch()).count(),
+                        std::memory_order_relaxed);
         const auto wake = std::max(schedule.nextDue(),
                                    FrameSchedule::Clock::now() + kMinRestBetweenPasses);
         lock.lock();
@@ -211,8 +251,9 @@ void VideoDataThread::feed()
         if (due > 0 && handOver(width, height, schedule))
             handed += due;
     }
-    scaledFrame.release();
-    lastHanded.release();
+    scaledPicture.reset();
+    lastHanded.reset();
+    nextDueNs.store(0, std::memory_order_relaxed);
     qDebug().noquote() << QStringLiteral("video feeder: %1 frames handed over; %2 frames made up "
                                          "after stalls, %3 not made up")
                               .arg(handed)

@@ -134,6 +134,9 @@ public:
     int write_video(cv::Mat img);
     // pts in frame periods: a frame that was never written leaves its place empty.
     int write_video(cv::Mat img, int64_t pts);
+    // The same for a picture already converted for the encoder (its size and format), which
+    // is only read: no conversion, no copy.
+    int write_video(const AVFrame *picture, int64_t pts);
     // Reads channels x audioFrameSize() x 2 bytes of interleaved S16 (channels as given
     // to open); always 0.
     int write_audio(unsigned char *data);
@@ -186,6 +189,8 @@ private:
     // The video frame filled from `img` with the next timestamp, or null when `img` cannot
     // be taken (wrong type, too small) and the timestamp stays.
     AVFrame *nextVideoFrame(cv::Mat &img, int64_t pts);
+    // Encodes a timed picture, through the watermark graph when there is one.
+    int encodeVideoFrame(AVFrame *frame);
     void release();
 
     char *m_filename = nullptr;   // borrowed, valid only while open runs
@@ -205,6 +210,7 @@ private:
     bool m_driftCorrection = false; // the resampler may stretch the sound
     bool m_useFilter = false;     // write_video goes through the watermark graph
     SwsContext *m_scaler = nullptr; // BGR -> the encoder's format: one for the recording
+    AVFrame *m_input = nullptr;   // the reference write_video gives the encoder a picture by
     AVFilterContext *buffersink_ctx = nullptr;
     AVFilterContext *buffersrc_ctx = nullptr;
     AVFilterGraph *filter_graph = nullptr;

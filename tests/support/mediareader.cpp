@@ -219,14 +219,16 @@ cv::Mat textureImage(int width, int height, int seed)
     return img;
 }
 
-cv::Mat throughYuv420(const cv::Mat &bgr)
+cv::Mat throughYuv420(const cv::Mat &bgr, cv::Size size)
 {
+    if (size.empty())
+        size = bgr.size();
     AVFrame *yuv = av_frame_alloc();
     yuv->format = AV_PIX_FMT_YUV420P;
-    yuv->width = bgr.cols;
-    yuv->height = bgr.rows;
+    yuv->width = size.width;
+    yuv->height = size.height;
     // There with the writer's filter, back with the reader's.
-    SwsContext *to = sws_getContext(bgr.cols, bgr.rows, AV_PIX_FMT_BGR24, bgr.cols, bgr.rows,
+    SwsContext *to = sws_getContext(bgr.cols, bgr.rows, AV_PIX_FMT_BGR24, size.width, size.height,
                                     AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
     SwsContext *back = nullptr;
     const uint8_t *src[1] = {bgr.data};

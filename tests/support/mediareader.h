@@ -63,9 +63,10 @@ cv::Mat paddedCopy(const cv::Mat &img, int extraPixelsPerRow);
 // A BGR picture of blurred noise, the same for the same seed: scaled, cropped or
 // swapped for another, it differs everywhere.
 cv::Mat textureImage(int width, int height, int seed);
-// `bgr` as a lossless file of it decodes: converted to YUV 4:2:0 the writer's way and
-// back the reader's way, each with a scaler made for this picture alone.
-cv::Mat throughYuv420(const cv::Mat &bgr);
+// `bgr` as a lossless file of it decodes: converted to YUV 4:2:0 by swscale (BT.601,
+// limited range), scaled to `size` in the same pass when one is given, and back the
+// reader's way, each with a scaler made for this picture alone.
+cv::Mat throughYuv420(const cv::Mat &bgr, cv::Size size = cv::Size());
 
 // Mean absolute difference per channel value between two same-size BGR pictures.
 double meanAbsDiff(const cv::Mat &a, const cv::Mat &b);
