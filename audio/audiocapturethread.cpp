@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <memory>
 #include <mutex>
 
@@ -158,8 +159,24 @@ bool AudiocaptureThread::openSource(const std::function<bool()> &stopRequested, 
 
 void AudiocaptureThread::run()
 {
-    capture();
+    // Nothing may leave a worker thread: a failure here costs the sound, not the host.
+    try {
+        capture();
+    } catch (const std::exception &e) {
+        qWarning() << "sound capture failed, recording goes on without sound:" << e.what();
+        endAfterFailure();
+    } catch (...) {
+        qWarning() << "sound capture failed, recording goes on without sound";
+        endAfterFailure();
+    }
     d->exit.markReturned();
+}
+
+void AudiocaptureThread::endAfterFailure()
+{
+    d->source.reset();
+    d->bOver = true;
+    d->encode->endAudio();
 }
 
 // Re-opens the microphone after it went; false when it stays gone.

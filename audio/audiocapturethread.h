@@ -46,6 +46,8 @@ protected:
 
 private:
     void capture();
+    // The capture thread, after capture() threw: the microphone is given up.
+    void endAfterFailure();
     bool waitForRecord();
     bool openSource(const std::function<bool()> &stopRequested, QString *why);
     bool reopen();
