@@ -146,17 +146,6 @@ void FFmpegEncode::addVideo(cv::Mat &frame, int times, int64_t pts)
     queueVideo(QueuedFrame{copy, nullptr, pts}, times);
 }
 
-void FFmpegEncode::addVideoShared(cv::Mat frame, int times, int64_t pts)
-{
-    if (times <= 0 || frame.empty())
-        return;
-    if (!frame.u) {
-        addVideo(frame, times, pts);
-        return;
-    }
-    queueVideo(QueuedFrame{frame, nullptr, pts}, times);
-}
-
 void FFmpegEncode::addVideoConverted(EncoderPicture picture, int times, int64_t pts)
 {
     if (times <= 0 || !picture)

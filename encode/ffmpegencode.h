@@ -22,7 +22,7 @@ class SoundTimeline;
 // The encoder thread of one recording: owns the media writer while it runs and writes
 // whatever is queued as soon as it can, the earlier of the two streams first.
 // The session thread constructs, sets, starts (setRun(true)), stops (setRun(false)),
-// waits for and destroys it; the feeder calls addVideoShared, the capture thread addAudio
+// waits for and destroys it; the feeder calls addVideoConverted, the capture thread addAudio
 // and endAudio.
 class FFmpegEncode : public QThread
 {
@@ -110,12 +110,9 @@ public:
     // of the pixels, shared, so a feeder catching up after a stall costs one frame.
     void addVideo(cv::Mat &frame, int times, int64_t pts);
     void addVideo(cv::Mat &frame, int times);
-    // As addVideo, without the copy: the queue shares `frame`'s pixels by reference count,
-    // so nobody may write them again (the feeder hands over a fresh buffer per camera
-    // frame). Pixels the Mat does not own (no reference count) are copied.
-    void addVideoShared(cv::Mat frame, int times, int64_t pts);
-    // As addVideoShared, for a picture already converted for the encoder at the recording
-    // size: the writer encodes it as it is.
+    // As addVideo, for a picture already converted for the encoder at the recording size:
+    // the queue shares it by reference count (its bytes counted once however often it is
+    // queued), and the writer encodes it as it is.
     void addVideoConverted(EncoderPicture picture, int times, int64_t pts);
     void addAudio(AudioBlock block);
     // The session, before the feeder and the capture start: when the picture's frame 0 is

@@ -10,6 +10,7 @@
 
 #include "encode/ffmpegencode.h"
 #include "encode/videodatathread.h"
+#include "media/frameconverter.h"
 #include "support/mediareader.h"
 #include "support/testutil.h"
 #include "syntheticcamera.h"
@@ -134,11 +135,12 @@ TEST_F(PipelineTest, QueuedFramesKeepTheirPixelsAndPlacesAndAFullQueueKeepsTheNe
     e.addVideo(frame, 4);
     numbered(1).copyTo(frame);
     e.addVideo(frame, 1);
-    // The feeder shares one picture across hand-overs, as a slow camera's frame is
-    // handed over pass after pass.
-    const cv::Mat shared = numbered(2);
-    e.addVideoShared(shared, 1, 5);
-    e.addVideoShared(shared, 2, 6);
+    // The feeder shares one converted picture across hand-overs, as a slow camera's frame
+    // is handed over pass after pass.
+    FrameConverter converter;
+    const EncoderPicture shared = converter.convert(numbered(2), kW, kH);
+    e.addVideoConverted(shared, 1, 5);
+    e.addVideoConverted(shared, 2, 6);
     // Of the 30 frames queued, the oldest 19 and the newest stay.
     for (int i = 8; i < 30; ++i) {
         frame = numbered(i);
@@ -166,11 +168,14 @@ TEST_F(PipelineTest, OnePictureSharedAcrossHandOversCountsItsBytesOnce)
 {
     configure("unused.mp4", true, false, 60); // not started; the queue holds 60 frames
     // Counted per entry or per call, these would pass the byte bound and be dropped.
-    const cv::Mat picture(1080, 1920, CV_8UC3, cv::Scalar(1, 2, 3));
-    constexpr int kEntries = 50;
-    ASSERT_GT(kEntries * picture.total() * picture.elemSize(), FFmpegEncode::kMaxQueuedVideoBytes);
+    FrameConverter converter;
+    const EncoderPicture picture = converter.convert(cv::Mat(2160, 3840, CV_8UC3, cv::Scalar(1, 2, 3)),
+                                                     3840, 2160);
+    ASSERT_TRUE(picture);
+    constexpr int kEntries = 30;
+    ASSERT_GT(kEntries * size_t(picture->buf[0]->size), FFmpegEncode::kMaxQueuedVideoBytes);
     for (int i = 0; i < kEntries; ++i)
-        e.addVideoShared(picture, 1, i);
+        e.addVideoConverted(picture, 1, i);
     EXPECT_EQ(e.videoQueueCount(), kEntries);
     EXPECT_EQ(e.droppedVideoFrames(), 0);
     e.addAudio(audioBlock(1024, 0)); // still queued at destruction: freed (LeakSanitizer)
