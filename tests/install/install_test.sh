@@ -51,13 +51,14 @@ host() {
 # record QT: that Qt's host records with its own plugin; the sanitizer runtime must come
 # first in a sanitized process, so only a plain run puts the simulated card in front.
 record() {
-  local q=$1 out
+  local q=$1 exe out
+  exe=$(host "$q")
   if [ -n "$sanitize" ]; then
-    out=$(cd "$work" && "$(host "$q")" "$work/clip$q.mp4") || fail "Qt $q host: recording failed"
+    out=$(cd "$work" && "$exe" "$work/clip$q.mp4") || fail "Qt $q host: recording failed: $out"
     return
   fi
-  out=$(cd "$work" && FAKEALSA_CARD="KW-08P USBCamera" LD_PRELOAD="$fakealsa" \
-    "$(host "$q")" "$work/clip$q.mp4") || fail "Qt $q host: recording failed: $out"
+  out=$(cd "$work" && FAKEALSA_CARD="KW-08P USBCamera" LD_PRELOAD="$fakealsa" "$exe" "$work/clip$q.mp4") \
+    || fail "Qt $q host: recording failed: $out"
   echo "$out" | grep -q ": finished, video+audio," || fail "Qt $q host: status is not a finished recording with sound: $out"
   echo "$out" | grep -q "1 video and 1 audio stream(s)" || fail "Qt $q host: the clip lacks picture or sound: $out"
 }
