@@ -6,8 +6,8 @@ set -euo pipefail
 PACKAGES=(
   # build
   build-essential cmake pkg-config git
-  # Qt 5 Core and moc
-  qtbase5-dev qtbase5-dev-tools
+  # Qt 5 Core and moc, and Qt 6's for the build with -DKWRECORDER_QT=6
+  qtbase5-dev qtbase5-dev-tools qt6-base-dev qt6-base-dev-tools
   # FFmpeg libraries, and the command-line tools for tests and benchmarks
   libavformat-dev libavcodec-dev libavfilter-dev libavutil-dev libswscale-dev libswresample-dev
   ffmpeg

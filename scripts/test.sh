@@ -1,12 +1,16 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite.
-# usage: scripts/test.sh [--sanitize address,undefined|thread] [--with-long] [ctest args...]
+# usage: scripts/test.sh [--qt 5|6] [--sanitize address,undefined|thread] [--with-long] [ctest args...]
 # The runs under the label "long" (tens of minutes) are left out unless --with-long.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 args=()
+if [ "${1:-}" = "--qt" ]; then
+  args=(--qt "$2")
+  shift 2
+fi
 if [ "${1:-}" = "--sanitize" ]; then
-  args=(--sanitize "$2")
+  args+=(--sanitize "$2")
   shift 2
 fi
 select=(-LE long)

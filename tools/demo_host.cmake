@@ -1,6 +1,6 @@
 # The demo host: records a clip through the plugin the way a camera application would.
 add_executable(demo_host ${CMAKE_CURRENT_LIST_DIR}/demo_host.cpp)
-target_link_libraries(demo_host PRIVATE syntheticcamera recorder_commandline Qt5::Core OpenCV::core
+target_link_libraries(demo_host PRIVATE syntheticcamera recorder_commandline Qt::Core OpenCV::core
   PkgConfig::FFMPEG ffmpegplugin)
 if(TARGET OpenCV::videoio)
   target_link_libraries(demo_host PRIVATE OpenCV::videoio)

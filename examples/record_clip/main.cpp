@@ -1,5 +1,6 @@
 // Records three seconds from a synthetic camera through the installed plugin and
 // exits 0 only when the file decodes with the expected streams.
+// usage: record_clip [OUT.mp4 [PLUGIN]]  (PLUGIN: another build of the plugin to load)
 #include <QCoreApplication>
 #include <QPluginLoader>
 
@@ -54,12 +55,12 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     const QString out = argc > 1 ? argv[1] : "clip.mp4";
+    const char *plugin = argc > 2 ? argv[2] : KWRECORDER_PLUGIN;
 
-    QPluginLoader loader(KWRECORDER_PLUGIN);
+    QPluginLoader loader(plugin);
     auto *recorder = qobject_cast<FFMPEGPlugin *>(loader.instance());
     if (!recorder) {
-        std::fprintf(stderr, "cannot load %s: %s\n", KWRECORDER_PLUGIN,
-                     qPrintable(loader.errorString()));
+        std::fprintf(stderr, "cannot load %s: %s\n", plugin, qPrintable(loader.errorString()));
         return 1;
     }
     Camera camera;

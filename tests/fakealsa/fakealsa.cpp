@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -50,6 +51,14 @@ struct Model : State {
     std::condition_variable released; // a device was let go
     int openHandles = 0;  // kept by reset(): handles opened before it are closed after it
 } theModel;
+
+// A program that cannot script the model (a host run with LD_PRELOAD) finds one card with
+// the default capture when FAKEALSA_CARD names it.
+const bool cardFromEnvironment = [] {
+    if (const char *name = std::getenv("FAKEALSA_CARD"))
+        fakealsa::addCard(name);
+    return true;
+}();
 
 // The model, under its mutex for as long as this lives.
 struct Locked : std::lock_guard<std::mutex> {

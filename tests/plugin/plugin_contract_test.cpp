@@ -32,12 +32,15 @@ protected:
 
 } // namespace
 
-TEST(PluginMetadata, HostSeesTheInterfaceIdClassNameAndEmptyKeys)
+TEST(PluginMetadata, HostSeesTheInterfaceIdClassNameQtVersionAndEmptyKeys)
 {
     QPluginLoader loader(QStringLiteral(RECORDER_PLUGIN_PATH));
     const QJsonObject md = loader.metaData();
     EXPECT_EQ(md.value("IID").toString(), QStringLiteral("com.kw.ffmpegplugin"));
     EXPECT_EQ(md.value("className").toString(), QStringLiteral("RecordThread"));
+    // The Qt it was built against, major and minor, as the loader reads it.
+    EXPECT_EQ(md.value("version").toInt(), QT_VERSION_CHECK(QT_VERSION_MAJOR, QT_VERSION_MINOR, 0));
+    EXPECT_EQ(md.value("debug"), QJsonValue(false));
     const QJsonObject meta = md.value("MetaData").toObject();
     ASSERT_EQ(meta.keys(), QStringList{"Keys"});
     EXPECT_EQ(meta.value("Keys"), QJsonValue(QJsonArray()));
