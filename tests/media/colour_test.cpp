@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
@@ -25,6 +26,8 @@ constexpr int kFrames = 3;
 // Per channel value: a bar's mean, and the red/blue columns' mean, against the chart's.
 constexpr double kBarTolerance = 8;
 constexpr double kColumnsTolerance = 16;
+// A snapshot's flat colours against the frame's, per channel value.
+constexpr double kSnapshotBarTolerance = 4;
 // Fraction of the picture's size left out at each region's edges, where the codec rings.
 constexpr double kMargin = 0.03;
 
@@ -75,6 +78,12 @@ cv::Scalar regionMean(const cv::Mat &img, const cv::Rect2d &r)
                       int(r.height * img.rows));
     const cv::Scalar m = cv::mean(img(px));
     return img.channels() == 1 ? cv::Scalar(m[0], m[0], m[0]) : m;
+}
+
+// A one-pixel white logo.
+void writeLogo(const std::string &path)
+{
+    std::ofstream(path, std::ios::binary) << "P6\n1 1\n255\n\xff\xff\xff";
 }
 
 enum class Input { HostMat, ConvertedPicture };
@@ -159,5 +168,33 @@ TEST_F(ColourTest, ChartPlaysInItsOwnColoursAndTheFileSaysWhatThePixelsAre)
                     EXPECT_NEAR(got[ch], want[ch], tolerance) << "channel " << ch << " (B, G, R)";
             }
         }
+    }
+}
+
+TEST_F(ColourTest, SnapshotKeepsTheFramesFlatColours)
+{
+    // The snapshot writer lays the working directory's logo at the top left: one pixel,
+    // outside every measured region.
+    writeLogo("cur_use_logo.png");
+    const cv::Mat chart = colourChart({640, 480});
+    constexpr int kNumber = 2828;
+    const std::string file = "/tmp/IMG_" + std::to_string(kNumber) + ".jpg";
+    ASSERT_EQ(testutil::captureStdout([&] {
+                  EXPECT_EQ(FilterThread::instance()->saveAsJPEG(chart, kNumber), 0);
+              }).find("failed"), std::string::npos);
+    MediaFile f;
+    std::string err;
+    ASSERT_TRUE(readMediaFile(file, f, &err)) << err;
+    std::filesystem::remove(file);
+    ASSERT_EQ(f.frames.size(), 1u);
+    ASSERT_EQ(f.frames[0].size(), chart.size());
+    const std::vector<cv::Rect2d> regions = chartRegions();
+    for (size_t r = 0; r < regions.size(); ++r) {
+        SCOPED_TRACE(r < kBarCount ? "bar " + std::to_string(r) : std::string("columns"));
+        const cv::Scalar want = regionMean(chart, regions[r]);
+        const cv::Scalar got = regionMean(f.frames[0], regions[r]);
+        const double tolerance = r < kBarCount ? kSnapshotBarTolerance : kColumnsTolerance;
+        for (int ch = 0; ch < 3; ++ch)
+            EXPECT_NEAR(got[ch], want[ch], tolerance) << "channel " << ch << " (B, G, R)";
     }
 }
