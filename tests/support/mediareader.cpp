@@ -245,9 +245,13 @@ cv::Mat throughYuv420(const cv::Mat &bgr, cv::Size size)
     yuv->format = AV_PIX_FMT_YUV420P;
     yuv->width = size.width;
     yuv->height = size.height;
-    // There with the writer's filter, back with the reader's.
+    // What the writer declares.
+    yuv->colorspace = AVCOL_SPC_SMPTE170M;
+    yuv->color_range = AVCOL_RANGE_MPEG;
+    // There with the writer's kind of filter (a box where it scales down), back with the
+    // reader's.
     SwsContext *to = sws_getContext(bgr.cols, bgr.rows, AV_PIX_FMT_BGR24, size.width, size.height,
-                                    AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
+                                    AV_PIX_FMT_YUV420P, SWS_AREA, nullptr, nullptr, nullptr);
     SwsContext *back = nullptr;
     const uint8_t *src[1] = {bgr.data};
     const int srcStride[1] = {static_cast<int>(bgr.step[0])};
