@@ -1,10 +1,11 @@
 // BGR camera pictures to YUV 4:2:0 per frame at 720p and 1080p: the recording's converter
 // (libyuv), OpenCV's cvtColor (the earlier one, OpenCV's own threads) and swscale (default
-// flags), in interleaved rounds; per converter the median milliseconds a frame over the
-// rounds with the range beside it, and the chroma's mean distance from the exact mean of
+// flags); and a 1080p host picture recorded at 720p: the recording's converter against
+// swscale's fast bilinear scaler (the earlier scaled path). Interleaved rounds; per
+// converter the median wall and CPU milliseconds a frame over the rounds with the range
+// beside each, and at the same size the chroma's mean distance from the exact mean of
 // each 2x2 block.
 //
-// usage: conversion_bench [--frames N] [--rounds N]
 #include <QCommandLineParser>
 #include <QCoreApplication>
 
@@ -14,6 +15,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <time.h>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -69,14 +71,14 @@ Converter opencv(int w, int h)
             }};
 }
 
-Converter swscale(SwsContext *sws, int w, int h)
+Converter swscale(const char *name, SwsContext *sws, int w, int h)
 {
-    return {"swscale (bicubic)", [sws, w, h](const cv::Mat &bgr, uint8_t *out) {
+    return {name, [sws, w, h](const cv::Mat &bgr, uint8_t *out) {
                 const uint8_t *src[1] = {bgr.data};
                 const int srcStride[1] = {static_cast<int>(bgr.step[0])};
                 uint8_t *dst[3] = {out, out + size_t(w) * h, out + size_t(w) * h * 5 / 4};
                 const int dstStride[3] = {w, w / 2, w / 2};
-                return sws_scale(sws, src, srcStride, 0, h, dst, dstStride) == h;
+                return sws_scale(sws, src, srcStride, 0, bgr.rows, dst, dstStride) == h;
             }};
 }
 
@@ -111,51 +113,84 @@ double median(std::vector<double> v)
     return v[v.size() / 2];
 }
 
-// Milliseconds a frame over `frames` conversions; -1 when one fails.
-double msPerFrame(const Converter &c, const std::vector<cv::Mat> &pictures, I420 &out, int frames)
+// The process's CPU time, milliseconds (all its threads: OpenCV converts on several).
+double cpuMs()
 {
-    const auto t0 = Clock::now();
-    for (int i = 0; i < frames; ++i)
-        if (!c.convert(pictures[i % kPictures], out.bytes.data()))
-            return -1;
-    return std::chrono::duration<double, std::milli>(Clock::now() - t0).count() / frames;
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return t.tv_sec * 1e3 + t.tv_nsec / 1e6;
 }
 
-// 1 when a converter failed.
-int benchSize(int w, int h, int frames, int rounds)
+// Wall and CPU milliseconds a frame over `frames` conversions.
+struct Cost {
+    double wall = -1, cpu = -1; // -1: a conversion failed
+};
+
+Cost msPerFrame(const Converter &c, const std::vector<cv::Mat> &pictures, I420 &out, int frames)
 {
+    const auto t0 = Clock::now();
+    const double cpu0 = cpuMs();
+    for (int i = 0; i < frames; ++i)
+        if (!c.convert(pictures[i % kPictures], out.bytes.data()))
+            return {};
+    return {std::chrono::duration<double, std::milli>(Clock::now() - t0).count() / frames,
+            (cpuMs() - cpu0) / frames};
+}
+
+// One comparison: host pictures of `host` size recorded at w x h.
+struct Case {
+    cv::Size host;
+    int w, h;
+};
+
+// 1 when a converter failed.
+int benchCase(const Case &c, int frames, int rounds)
+{
+    const int w = c.w, h = c.h;
+    const bool scaled = c.host != cv::Size(w, h);
     std::vector<cv::Mat> pictures(kPictures);
     for (cv::Mat &p : pictures) {
-        p.create(h, w, CV_8UC3);
+        p.create(c.host, CV_8UC3);
         cv::randu(p, 0, 256);
     }
     FrameConverter fc;
-    SwsContext *sws = sws_getContext(w, h, AV_PIX_FMT_BGR24, w, h, AV_PIX_FMT_YUV420P, SWS_BICUBIC,
+    SwsContext *sws = sws_getContext(c.host.width, c.host.height, AV_PIX_FMT_BGR24, w, h,
+                                     AV_PIX_FMT_YUV420P, scaled ? SWS_FAST_BILINEAR : SWS_BICUBIC,
                                      nullptr, nullptr, nullptr);
     if (!sws) {
         std::printf("%dx%d: cannot make the scaler\n", w, h);
         return 1;
     }
-    const std::vector<Converter> timed = {recording(fc, w, h, false), opencv(w, h), swscale(sws, w, h)};
-    std::vector<std::vector<double>> ms(timed.size());
+    const char *swsName = scaled ? "swscale (fast bilin.)" : "swscale (bicubic)";
+    std::vector<Converter> timed = {recording(fc, w, h, false), swscale(swsName, sws, w, h)};
+    std::vector<Converter> checked = {recording(fc, w, h, true), swscale(swsName, sws, w, h)};
+    if (!scaled) {
+        timed.push_back(opencv(w, h));
+        checked.push_back(opencv(w, h));
+    }
+    std::vector<std::vector<double>> wall(timed.size()), cpu(timed.size());
     I420 out(w, h);
     int failures = 0;
     // Each round starts with the next converter, so none always runs on a warm cache.
     for (int r = 0; r < rounds; ++r)
         for (size_t k = 0; k < timed.size(); ++k) {
             const size_t i = (r + k) % timed.size();
-            const double t = msPerFrame(timed[i], pictures, out, frames);
-            failures += t < 0;
-            ms[i].push_back(t);
+            const Cost t = msPerFrame(timed[i], pictures, out, frames);
+            failures += t.wall < 0;
+            wall[i].push_back(t.wall);
+            cpu[i].push_back(t.cpu);
         }
-    const std::vector<Converter> checked = {recording(fc, w, h, true), opencv(w, h), swscale(sws, w, h)};
     for (size_t i = 0; i < timed.size(); ++i) {
         I420 yuv(w, h);
-        const bool ok = checked[i].convert(pictures[0], yuv.bytes.data());
-        std::sort(ms[i].begin(), ms[i].end());
-        std::printf("%4dx%-4d  %-20s %7.3f ms/frame (%.3f-%.3f)   chroma error %.2f\n", w, h,
-                    timed[i].name, median(ms[i]), ms[i].front(), ms[i].back(),
-                    ok ? chromaError(pictures[0], yuv) : NAN);
+        const bool ok = !scaled && checked[i].convert(pictures[0], yuv.bytes.data());
+        std::sort(wall[i].begin(), wall[i].end());
+        std::sort(cpu[i].begin(), cpu[i].end());
+        std::printf("%4dx%-4d -> %4dx%-4d  %-22s wall %6.3f ms (%.3f-%.3f)  CPU %6.3f ms (%.3f-%.3f)",
+                    c.host.width, c.host.height, w, h, timed[i].name, median(wall[i]),
+                    wall[i].front(), wall[i].back(), median(cpu[i]), cpu[i].front(), cpu[i].back());
+        if (ok)
+            std::printf("   chroma error %.2f", chromaError(pictures[0], yuv));
+        std::printf("\n");
     }
     sws_freeContext(sws);
     return failures ? 1 : 0;
@@ -180,7 +215,8 @@ int main(int argc, char **argv)
     std::printf("%d rounds of %d noise frames per converter; OpenCV threads: %d\n", rounds, frames,
                 cv::getNumThreads());
     int failures = 0;
-    for (const auto &[w, h] : std::vector<std::pair<int, int>>{{1280, 720}, {1920, 1080}})
-        failures += benchSize(w, h, frames, rounds);
+    const Case cases[] = {{{1280, 720}, 1280, 720}, {{1920, 1080}, 1920, 1080}, {{1920, 1080}, 1280, 720}};
+    for (const Case &c : cases)
+        failures += benchCase(c, frames, rounds);
     return failures ? 1 : 0;
 }
