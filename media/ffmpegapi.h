@@ -11,6 +11,7 @@
 #include <opencv2/core/mat.hpp>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "audioblock.h"
 #include "threadexit.h"
@@ -33,7 +34,6 @@ class PeriodicSync;
 struct AVFilterContext;
 struct AVFilterGraph;
 struct SwrContext;
-struct SwsContext;
 
 // Encoder state of one output stream.
 struct OutputStream {
@@ -75,12 +75,11 @@ int add_stream(OutputStream *ost, AVFormatContext *oc, const AVCodec **codec, AV
 // Whether a camera frame of this OpenCV type can be recorded: 8-bit gray, BGR or BGRA.
 bool isCameraFrameType(int cvType);
 // Converts the top-left width x height pixels of an 8-bit gray, BGR or BGRA Mat into
-// `frame`; 0, or -1 for another type or a scaler that cannot be made. `*scaler` is kept from call to call
-// while the conversion's sizes and formats stay, and rebuilt when they change; the
-// caller frees it with sws_freeContext.
+// `frame` of that size, as the recording converts (frameconverter.h); 0, or -1 for another
+// type, size or format. `scratch` is the conversion's, kept from call to call.
 int fill_yuv_image(AVFrame *frame, int width, int height, const cv::Mat &img,
-                   SwsContext **scaler);
-// The same with a scaler of its own for this one frame.
+                   std::vector<uint8_t> &scratch);
+// The same with a scratch of its own for this one frame.
 int fill_yuv_image(AVFrame *frame, int width, int height, cv::Mat &img);
 
 // The media writer: one object writes one file, used by one thread at a time.
@@ -209,7 +208,7 @@ private:
     int m_audioFrameSize = 0;     // samples per channel in one audio block
     bool m_driftCorrection = false; // the resampler may stretch the sound
     bool m_useFilter = false;     // write_video goes through the watermark graph
-    SwsContext *m_scaler = nullptr; // BGR -> the encoder's format: one for the recording
+    std::vector<uint8_t> m_scratch; // the picture conversion's, one for the recording
     AVFrame *m_input = nullptr;   // the reference write_video gives the encoder a picture by
     AVFilterContext *buffersink_ctx = nullptr;
     AVFilterContext *buffersrc_ctx = nullptr;

@@ -1,7 +1,9 @@
 #ifndef FRAMECONVERTER_H
 #define FRAMECONVERTER_H
 
+#include <cstdint>
 #include <memory>
+#include <vector>
 #include <opencv2/core/mat.hpp>
 
 extern "C" {
@@ -9,7 +11,17 @@ extern "C" {
 }
 
 struct AVBufferPool;
-struct SwsContext;
+struct AVCodecContext;
+
+// Declares on an encoder the colour every recorded picture is converted to.
+void declarePictureColour(AVCodecContext *c);
+
+// Converts a whole 8-bit gray, BGR or BGRA picture into `frame`, YUV 4:2:0 of limited
+// (AV_PIX_FMT_YUV420P) or full range (AV_PIX_FMT_YUVJ420P), each 2x2 block's chroma the
+// mean of its pixels, alpha ignored; scaled when the frame's size differs. `scratch` holds
+// the picture at its own size meanwhile, kept from call to call. false for another type
+// or format. Any thread, each with its own `scratch`.
+bool convertPicture(const cv::Mat &img, AVFrame *frame, std::vector<uint8_t> &scratch);
 
 // A camera picture converted for the encoder: YUV 4:2:0 in a pooled buffer, shared by
 // reference count and never written again once made.
@@ -32,12 +44,10 @@ public:
 
 private:
     AVFrame *pooledFrame(int width, int height);
-    bool convertDirect(const cv::Mat &img, AVFrame *frame);
-    bool convertScaled(const cv::Mat &img, AVFrame *frame);
 
     AVBufferPool *pool = nullptr; // buffers of poolBytes; freed when the last one returns
     size_t poolBytes = 0;         // bytes of one frame's three planes
-    SwsContext *scaler = nullptr; // kept while the conversion's sizes and formats stay
+    std::vector<uint8_t> scratch; // the picture at the host's size while it is scaled
 };
 
 #endif // FRAMECONVERTER_H

@@ -13,6 +13,8 @@ PACKAGES=(
   ffmpeg
   # OpenCV core and imgproc; videoio for the demo host's real-camera mode
   libopencv-core-dev libopencv-imgproc-dev libopencv-videoio-dev
+  # the camera pictures' conversion to YUV 4:2:0
+  libyuv-dev
   # ALSA
   libasound2-dev
   # the sound server client, and the servers the tests record through

@@ -156,9 +156,10 @@ TEST_F(WriterTest, EachPictureDecodesAsGivenAtItsCountInOneOverFps)
         cv::Mat bgr = given[i];
         if (bgr.channels() != 3)
             cv::cvtColor(given[i], bgr, bgr.channels() == 1 ? cv::COLOR_GRAY2BGR : cv::COLOR_BGRA2BGR);
-        // Lossy coding at a high bit rate; another picture differs by tens. Gray and BGRA
-        // take another conversion path, which rounds a little differently.
-        const double bound = given[i].channels() == 3 ? 1.0 : 4.0;
+        // Lossy coding at a high bit rate, and libyuv's fixed-point coefficients rounding
+        // up to a level apart from swscale's; another picture differs by tens. Gray and
+        // BGRA (other pictures) code a little less well.
+        const double bound = given[i].channels() == 3 ? 1.5 : 4.0;
         EXPECT_LT(meanAbsDiff(f.frames[i], throughYuv420(bgr)), bound) << "picture " << i;
     }
 }

@@ -59,11 +59,28 @@ int64_t framePts(const AVFrame *f)
     return f->pts == AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts;
 }
 
-// A decoded picture as BGR, with the scaler in `*sws` (kept for the next).
+// The matrix a player converts a picture with: the declared one; undeclared, BT.709 from
+// 720 lines up and BT.601 below, as browsers and desktop players guess.
+int playerMatrix(const AVFrame *f)
+{
+    constexpr int kHdLines = 720;
+    if (f->colorspace != AVCOL_SPC_UNSPECIFIED && f->colorspace != AVCOL_SPC_RESERVED)
+        return f->colorspace;
+    return f->height >= kHdLines ? SWS_CS_ITU709 : SWS_CS_ITU601;
+}
+
+// A decoded picture as BGR the way a player shows it (playerMatrix, the declared range,
+// limited where undeclared), with the scaler in `*sws` (kept for the next).
 cv::Mat toBgr(SwsContext **sws, const AVFrame *f)
 {
-    *sws = sws_getCachedContext(*sws, f->width, f->height, AVPixelFormat(f->format), f->width,
-                                f->height, AV_PIX_FMT_BGR24, SWS_POINT, nullptr, nullptr, nullptr);
+    const AVPixelFormat format = AVPixelFormat(f->format);
+    *sws = sws_getCachedContext(*sws, f->width, f->height, format, f->width, f->height,
+                                AV_PIX_FMT_BGR24, SWS_POINT, nullptr, nullptr, nullptr);
+    const bool fullRange = f->color_range == AVCOL_RANGE_JPEG || format == AV_PIX_FMT_YUVJ420P
+        || format == AV_PIX_FMT_YUVJ422P || format == AV_PIX_FMT_YUVJ444P;
+    constexpr int kUnitFixed = 1 << 16; // swscale's brightness, contrast and saturation 1.0
+    sws_setColorspaceDetails(*sws, sws_getCoefficients(playerMatrix(f)), fullRange,
+                             sws_getCoefficients(SWS_CS_DEFAULT), 1, 0, kUnitFixed, kUnitFixed);
     // swscale's vector code writes past the end of short rows: give it room, then
     // keep only the picture.
     cv::Mat room(f->height + 2, f->width + 64, CV_8UC3);
@@ -160,7 +177,8 @@ bool readMediaFile(const std::string &path, MediaFile &out, std::string *error, 
         const AVCodecParameters *p = st->codecpar;
         const double start = st->start_time == AV_NOPTS_VALUE ? NAN : st->start_time * av_q2d(st->time_base);
         out.streams.push_back(
-            {p->codec_type, p->codec_id, st->time_base, p->width, p->height, start, {}, {}});
+            {p->codec_type, p->codec_id, st->time_base, p->width, p->height, start, {}, {},
+             {p->color_space, p->color_primaries, p->color_trc, p->color_range, p->chroma_location}});
         const bool wanted = p->codec_type == AVMEDIA_TYPE_AUDIO
             || (p->codec_type == AVMEDIA_TYPE_VIDEO && decodePictures);
         if (wanted && (ret = openDecoder(r, st)) < 0)
@@ -227,9 +245,13 @@ cv::Mat throughYuv420(const cv::Mat &bgr, cv::Size size)
     yuv->format = AV_PIX_FMT_YUV420P;
     yuv->width = size.width;
     yuv->height = size.height;
-    // There with the writer's filter, back with the reader's.
+    // What the writer declares.
+    yuv->colorspace = AVCOL_SPC_SMPTE170M;
+    yuv->color_range = AVCOL_RANGE_MPEG;
+    // There with the writer's kind of filter (a box where it scales down), back with the
+    // reader's.
     SwsContext *to = sws_getContext(bgr.cols, bgr.rows, AV_PIX_FMT_BGR24, size.width, size.height,
-                                    AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
+                                    AV_PIX_FMT_YUV420P, SWS_AREA, nullptr, nullptr, nullptr);
     SwsContext *back = nullptr;
     const uint8_t *src[1] = {bgr.data};
     const int srcStride[1] = {static_cast<int>(bgr.step[0])};

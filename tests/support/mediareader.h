@@ -11,6 +11,15 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
+// The colour a video stream declares (container or bitstream), as ffprobe shows it.
+struct DeclaredColour {
+    AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED;
+    AVColorPrimaries primaries = AVCOL_PRI_UNSPECIFIED;
+    AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
+    AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
+    AVChromaLocation chromaSiting = AVCHROMA_LOC_UNSPECIFIED;
+};
+
 // What a written file holds, read back with libavformat/libavcodec.
 struct MediaStream {
     AVMediaType type = AVMEDIA_TYPE_UNKNOWN;
@@ -22,6 +31,7 @@ struct MediaStream {
     double startSeconds = NAN;
     // Every packet's pts and duration in file order (stream time base).
     std::vector<int64_t> packetPts, packetDuration;
+    DeclaredColour colour;            // video
     // From the first pts to the end of the last packet, in seconds. An encoder's priming
     // (AAC's first 1024 samples, before pts 0) is not played, so it is not counted.
     double durationSeconds() const;
@@ -29,7 +39,7 @@ struct MediaStream {
 
 struct MediaFile {
     std::vector<MediaStream> streams;
-    std::vector<cv::Mat> frames;      // decoded pictures, CV_8UC3 BGR, display order
+    std::vector<cv::Mat> frames;      // decoded pictures, CV_8UC3 BGR as a player shows them, display order
     std::vector<int64_t> framePts;    // their pts in the video stream's time base
     std::vector<double> frameBrightness; // their mean luma, 0-255 (kept also without pictures)
     double audioStartSeconds = 0;     // pts of the first decoded sample
