@@ -484,8 +484,12 @@ bool readHead(Mp4Source &source, FragmentedMp4 *f, uint64_t *next, std::string *
     }
     f->headerAt = h.size;
     if (source.size() - f->headerAt < 8 || !headerAt(source, f->headerAt, &h, &cut, error)
-        || !is(h, "moov") || cut) {
+        || !is(h, "moov")) {
         *error = "not a fragmented MP4 of ours: its index (moov) does not follow the file type";
+        return false;
+    }
+    if (cut) {
+        *error = "the file ends inside its index";
         return false;
     }
     if (h.size > kMaxIndexBytes) {
@@ -892,6 +896,9 @@ bool buildStandardMoov(const FragmentedMp4 &file, std::string *moov, std::string
                 *error = "a track of the index is not among those read";
                 return false;
             }
+            // As a standard muxer leaves it: a track without samples is not declared.
+            if (t->samples.empty())
+                continue;
             uint64_t duration = 0;
             if (!finishTrak(&k, *t, file.movieTimescale, &duration, error))
                 return false;
