@@ -736,7 +736,7 @@ void FFmpegApi::flush()
         if (ret < 0)
             reportWriteError("Error writing the file trailer", ret);
         // After a failed write the file is left as it is: it plays up to its last whole
-        // fragment, and a rewrite would need room that a full disk does not have.
+        // fragment, and its index would need room that a full disk does not have.
         complete = closeOutput() == 0 && ret >= 0 && !m_writeFailed;
     }
     release();

@@ -11,6 +11,10 @@ constexpr uint64_t kMaxIndexBytes = 16u << 20;
 constexpr uint64_t kMaxFragmentHeaderBytes = 16u << 20;
 // Deepest nesting of boxes followed in the index (moov trak mdia minf stbl is 5).
 constexpr int kMaxDepth = 8;
+// Most tracks and samples taken: ours have two tracks, and about 80 samples a second
+// (ten hours are under 3 million).
+constexpr size_t kMaxTracks = 64;
+constexpr size_t kMaxSamples = size_t(1) << 26;
 
 // tfhd flags
 constexpr uint32_t kBaseDataOffset = 0x1, kDescriptionIndex = 0x2, kDefaultDuration = 0x8,
@@ -245,6 +249,10 @@ bool readInitialIndex(FragmentedMp4 *f, std::string *error)
             *error = "a track of the index lacks its header, time scale or sample descriptions";
             return false;
         }
+        if (f->tracks.size() == kMaxTracks) {
+            *error = "the index has more tracks than a recording";
+            return false;
+        }
         if (trackById(f, t.id)) {
             *error = "two tracks of the index have the same id";
             return false;
@@ -358,6 +366,10 @@ bool readTrun(const Box &trun, const TrackFragment &tf, const MediaData &mdat, u
         return false;
     }
     Mp4Track &t = *tf.track;
+    if (count > kMaxSamples - t.samples.size()) {
+        *error = "track " + std::to_string(t.id) + " has more samples than a recording";
+        return false;
+    }
     for (uint32_t i = 0; i < count; ++i) {
         Mp4Sample s;
         s.offset = *dataPos;
@@ -379,7 +391,7 @@ bool readTrun(const Box &trun, const TrackFragment &tf, const MediaData &mdat, u
         *dataPos = s.offset + s.size;
         // Cut short by a crash: neither this sample nor any after it was written whole.
         if (*dataPos > mdat.end)
-            continue;
+            break;
         t.nextDts += s.duration;
         t.samples.push_back(s);
     }
@@ -562,7 +574,9 @@ bool readFragmentedMp4(Mp4Source &source, FragmentedMp4 *out, std::string *error
                 return false;
             moofAt = at;
         } else if (is(h, "mdat")) {
-            const MediaData data{at + h.length, at + h.size, std::min(at + h.size, end)};
+            // A size past the end (cut short) may be any 64-bit number.
+            const uint64_t declaredEnd = h.size > UINT64_MAX - at ? UINT64_MAX : at + h.size;
+            const MediaData data{at + h.length, declaredEnd, std::min(declaredEnd, end)};
             if (!moof.empty() && !readMoof(moof, moofAt, data, &f, error))
                 return false;
             moof.clear();

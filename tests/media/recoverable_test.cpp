@@ -362,7 +362,7 @@ TEST(RecoverableTest, OffsetsPast4GiBTakeA64BitMediaHeaderAndChunkOffsets)
 }
 
 // Full disks (root only: a tmpfs of its own).
-TEST(RecoverableTest, ADiskWithRoomForTheIndexButNotACopyEndsWithTheStandardFile)
+TEST(RecoverableTest, ADiskWithRoomForTheIndexNotACopyEndsWithTheStandardFileAndOneWithoutKeepsTheFragments)
 {
     testutil::TempDir dir;
     const Content c{true, true, 30, 60};
@@ -383,16 +383,24 @@ TEST(RecoverableTest, ADiskWithRoomForTheIndexButNotACopyEndsWithTheStandardFile
     EXPECT_EQ(topLevelBoxes(file), "ftyp mdat moov");
     EXPECT_EQ(decoded(file).framePts.size(), size_t(c.frames));
 
-    // No room for the index either: the finish fails and leaves the file as it was.
-    recordFragmented(disk.path() + "/second.mp4", Content{true, true, 30, 15});
-    const std::string before = testutil::readFileBytes(disk.path() + "/second.mp4");
-    std::ofstream fill(disk.path() + "/filler", std::ios::binary | std::ios::app);
-    const std::string block(4096, 'f');
-    while (fill.write(block.data(), std::streamsize(block.size())) && fill.flush()) {
-    }
-    fill.close();
+    // Room for the recording's whole pages and no more: its index does not fit, the
+    // writer says so and keeps the fragmented file as it was.
     std::string err;
-    EXPECT_FALSE(finishMp4InPlace(disk.path() + "/second.mp4", &err));
-    EXPECT_NE(err.find("No space left on device"), std::string::npos) << err;
-    EXPECT_TRUE(testutil::readFileBytes(disk.path() + "/second.mp4") == before);
+    ASSERT_TRUE(finishMp4InPlace(dir.file("measure.mp4"), &err)) << err;
+    const uint64_t index = std::filesystem::file_size(dir.file("measure.mp4")) - size;
+    const uint64_t page = fs.f_frsize, pages = (size + page - 1) / page;
+    ASSERT_GT(index, pages * page - size); // more than the last page has left
+    std::filesystem::remove(file);
+    std::filesystem::remove(disk.path() + "/filler");
+    ASSERT_EQ(statvfs(disk.path().c_str(), &fs), 0);
+    testutil::writeFileBytes(disk.path() + "/filler",
+                             std::string(uint64_t(fs.f_bavail) * fs.f_frsize - pages * page, 'f'));
+    const std::string second = disk.path() + "/second.mp4";
+    const std::string said = record(second, c, WriteMode::RecoverableThenStandard);
+    EXPECT_NE(said.find("Could not finish " + second + " as a standard MP4: writing the index of "
+                        + second + ": No space left on device. The fragmented file is kept"),
+              std::string::npos) << said;
+    EXPECT_EQ(std::filesystem::file_size(second), size);
+    EXPECT_NE(topLevelBoxes(second).find("moof"), std::string::npos) << topLevelBoxes(second);
+    EXPECT_EQ(decoded(second).framePts.size(), size_t(c.frames));
 }
