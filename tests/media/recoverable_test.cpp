@@ -18,6 +18,7 @@
 
 #include "media/ffmpegapi.h"
 #include "media/inplacemp4.h"
+#include "media/mp4fragments.h"
 #include "media/standardmp4.h"
 #include "support/mediareader.h"
 #include "support/mp4boxes.h"
@@ -359,6 +360,45 @@ TEST(RecoverableTest, OffsetsPast4GiBTakeA64BitMediaHeaderAndChunkOffsets)
     EXPECT_NE(moov.find("co64"), std::string::npos);
     EXPECT_EQ(moov.find("stco"), std::string::npos);
     expectSameDecoding(big, small);
+}
+
+// Durations past 32 bits (sound of over 50 days in the movie's milliseconds): the headers
+// and the edit list that hold them turn to their 64-bit versions, the other fields kept.
+TEST(RecoverableTest, DurationsPast32BitsTakeThe64BitVersionsOfTheHeaders)
+{
+    testutil::TempDir dir;
+    recordFragmented(dir.file("sound.mp4"), Content{false, true, 30, 90});
+    const std::string bytes = testutil::readFileBytes(dir.file("sound.mp4"));
+    MemoryMp4Source source(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
+    FragmentedMp4 file;
+    std::string err, moov;
+    ASSERT_TRUE(readFragmentedMp4(source, &file, &err)) << err;
+    ASSERT_EQ(file.tracks.size(), 1u);
+    Mp4Track &t = file.tracks[0];
+    for (Mp4Sample &s : t.samples)
+        s.duration = 1u << 31;
+    ASSERT_TRUE(buildStandardMoov(file, &moov, &err)) << err;
+    // The sound as played: from the end of the priming the edit skips (AAC's 1024
+    // samples, as before) to the end of the media, in the movie's time scale.
+    const uint64_t media = uint64_t(t.samples.size()) << 31;
+    const uint64_t shown = ((media - 1024) * file.movieTimescale + t.timescale - 1) / t.timescale;
+    // The 64-bit field at `at` bytes into the payload of the first `type` box.
+    const auto field = [&](const char *type, size_t at) {
+        const size_t payload = moov.find(type) + 4;
+        uint64_t v = 0;
+        for (size_t i = 0; i < 8; ++i)
+            v = v << 8 | uint8_t(moov[payload + at + i]);
+        return v;
+    };
+    for (const char *type : {"mvhd", "tkhd", "mdhd", "elst"})
+        EXPECT_EQ(moov[moov.find(type) + 4], 1) << type << " version";
+    EXPECT_EQ(field("mdhd", 20) >> 32, t.timescale); // the time scale, then the duration
+    EXPECT_EQ(field("mdhd", 24), media);
+    EXPECT_EQ(field("mvhd", 24), shown);
+    EXPECT_EQ(field("tkhd", 20) >> 32, t.id); // the track's id, then the duration
+    EXPECT_EQ(field("tkhd", 28), shown);
+    EXPECT_EQ(field("elst", 8), shown);
+    EXPECT_EQ(field("elst", 16), 1024u); // where the media starts to play
 }
 
 // Full disks (root only: a tmpfs of its own).
