@@ -479,6 +479,8 @@ bool headerAt(Mp4Source &source, uint64_t at, Header *h, bool *cut, std::string 
     return true;
 }
 
+// Boxes a fragmented file may have between fragments. Anything else is not our writer's:
+// refused rather than hidden inside the media box.
 bool isSkippable(const Header &h)
 {
     return is(h, "free") || is(h, "skip") || is(h, "mfra") || is(h, "sidx") || is(h, "styp")
