@@ -10,7 +10,7 @@
 #include "frameconverter.h"
 #include "periodicsync.h"
 #include "safefile.h"
-#include "standardmp4.h"
+#include "inplacemp4.h"
 
 extern "C" {
 #include <libavutil/audio_fifo.h>
@@ -724,7 +724,7 @@ void FFmpegApi::flush()
         if (ret < 0)
             reportWriteError("Error writing the file trailer", ret);
         // After a failed write the file is left as it is: it plays up to its last whole
-        // fragment, and a rewrite would need room that a full disk does not have.
+        // fragment, and its index would need room that a full disk does not have.
         complete = closeOutput() == 0 && ret >= 0 && !m_writeFailed;
     }
     release();
@@ -743,7 +743,7 @@ int FFmpegApi::closeOutput()
     return ret < 0 ? ret : 0;
 }
 
-// A cleanly written recoverable file: a fragmented MP4 is rewritten as a standard one,
+// A cleanly written recoverable file: a fragmented MP4 is finished as a standard one in place,
 // any other is synced once more so that its end reaches the disk too.
 void FFmpegApi::finishFile()
 {
@@ -756,9 +756,9 @@ void FFmpegApi::finishFile()
         return;
     if (m_fragmented && m_writeMode == WriteMode::RecoverableThenStandard) {
         std::string error;
-        if (!rewriteAsStandardMp4(m_path, &error))
+        if (!finishMp4InPlace(m_path, &error))
             fprintf(stderr,
-                    "Could not rewrite %s as a standard MP4: %s. The fragmented file is kept; "
+                    "Could not finish %s as a standard MP4: %s. The fragmented file is kept; "
                     "it plays as it is.\n",
                     m_path.c_str(), error.c_str());
         return;

@@ -98,8 +98,8 @@ public:
         // close every second, every packet goes to the kernel as it is written and the
         // file is synced to the disk every PeriodicSync::kPeriod. flush leaves it so.
         Recoverable,
-        // Recoverable while recording; flush rewrites a fragmented MP4/MOV as a standard
-        // one (rewriteAsStandardMp4). The default.
+        // Recoverable while recording; flush finishes a fragmented MP4/MOV as a standard
+        // one in place (finishMp4InPlace). The default.
         RecoverableThenStandard,
     };
 

@@ -22,6 +22,8 @@ PACKAGES=(
   libspa-0.2-modules
   # tests and benchmarks
   libgtest-dev libgmock-dev
+  # the fuzzer of the MP4 fragment reader: clang and its libFuzzer runtime
+  clang libclang-rt-14-dev
   # a real font for the watermark tests
   fonts-dejavu-core
 )

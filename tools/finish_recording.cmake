@@ -1,4 +1,4 @@
-# The recovery tool: rewrites fragmented MP4s left by a crash as standard ones.
+# The recovery tool: finishes fragmented MP4s left by a crash as standard ones.
 include(GNUInstallDirs)
 add_executable(finish_recording ${CMAKE_CURRENT_LIST_DIR}/finish_recording.cpp)
 target_link_libraries(finish_recording PRIVATE recorder_media)

@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-#include "media/standardmp4.h"
+#include "media/inplacemp4.h"
 #include "fakealsa.h"
 #include "simulatedmic.h"
 #include "support/loadedrecorder.h"
@@ -87,9 +87,9 @@ void expectPlayable(const std::string &file, double killedAt)
     EXPECT_NEAR(f.video()->durationSeconds(), f.audio()->durationSeconds(), kFramePeriod);
     if (file.compare(file.size() - 4, 4, ".mp4") != 0)
         return;
-    // A killed MP4 is what the recovery tool is for: its rewrite keeps every frame, and
+    // A killed MP4 is what the recovery tool is for: its finish keeps every frame, and
     // its index skips the encoder's priming, which the fragments play: AAC's 1024 samples.
-    ASSERT_TRUE(rewriteAsStandardMp4(file, &err)) << err;
+    ASSERT_TRUE(finishMp4InPlace(file, &err)) << err;
     MediaFile standard;
     ASSERT_TRUE(readMediaFile(file, standard, &err, false)) << err;
     EXPECT_EQ(standard.video()->packetPts.size(), f.framePts.size());
@@ -148,9 +148,9 @@ TEST(CleanStopTest, IsRecordingTurnsFalseOnlyOnceTheStandardFileIsInPlace)
     rec->stopRecord();
     ASSERT_TRUE(testutil::pollUntil([&] { return !rec->isRecording(); }, std::chrono::seconds(60)));
     // Looked at the moment the recorder says it is done, before the session has ended. What
-    // the rewrite keeps is the writer's test's; what a recording holds, the session's.
+    // the finish keeps is the writer's test's; what a recording holds, the session's.
     EXPECT_TRUE(isStandardLayout(topLevelBoxes(file))) << topLevelBoxes(file);
-    // Nothing of the rewrite is left beside the file (its temporary names are random).
+    // Nothing of the finish is left beside the file.
     for (const auto &entry : std::filesystem::directory_iterator(dir.path()))
         EXPECT_EQ(entry.path().string(), file);
 }

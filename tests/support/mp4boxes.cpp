@@ -31,5 +31,5 @@ bool isStandardLayout(const std::string &boxes)
 {
     const size_t moov = boxes.find("moov");
     return boxes.find("moof") == std::string::npos && moov != std::string::npos
-        && moov < boxes.find("mdat");
+        && boxes.find("moov", moov + 4) == std::string::npos;
 }
