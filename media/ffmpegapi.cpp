@@ -84,8 +84,6 @@ void configureAudio(AVCodecContext *c, AVStream *st, const AVCodec *codec, int a
                     int sampleRate)
 {
     c->bit_rate = kAudioBitrate;
-    av_opt_set(c->priv_data, "preset", "superfast", 0);
-    av_opt_set(c->priv_data, "tune", "zerolatency", 0);
     c->sample_fmt = codec->sample_fmts ? codec->sample_fmts[0] : AV_SAMPLE_FMT_FLTP;
     c->sample_rate = sampleRate;
     st->time_base = AVRational{1, sampleRate};
@@ -494,22 +492,35 @@ void FFmpegApi::reportWriteError(const char *what, int error)
 }
 
 // Sends one frame (null: drain) to the stream's encoder and writes every packet it gives.
-// -1 when a packet could not be written; an encoder error only loses the frame.
+// -1 when the encoder failed or a packet could not be written: told once, and kept for
+// writeError, which ends the recording.
 int FFmpegApi::encodeAndWrite(OutputStream *ost, AVFrame *frame)
 {
-    if (avcodec_send_frame(ost->enc, frame) < 0)
-        return 0;
-    AVPacket *pkt = av_packet_alloc();
-    if (!pkt)
+    const bool video = ost->enc->codec_type == AVMEDIA_TYPE_VIDEO;
+    int ret = avcodec_send_frame(ost->enc, frame);
+    // A second drain finds the encoder drained already: nothing is lost.
+    if (ret < 0 && !(frame == nullptr && ret == AVERROR_EOF)) {
+        reportWriteError(video ? "Error encoding a video frame" : "Error encoding audio", ret);
         return -1;
+    }
+    AVPacket *pkt = av_packet_alloc();
+    if (!pkt) {
+        reportWriteError("Error allocating a packet", AVERROR(ENOMEM));
+        return -1;
+    }
     int result = 0;
     for (;;) {
-        const int ret = avcodec_receive_packet(ost->enc, pkt);
-        if (ret < 0)
-            break; // EAGAIN, EOF or an encoder error: nothing more now
+        ret = avcodec_receive_packet(ost->enc, pkt);
+        if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF)
+            break; // the encoder wants more, or is drained
+        if (ret < 0) {
+            reportWriteError(video ? "Error encoding a video frame" : "Error encoding audio", ret);
+            result = -1;
+            break;
+        }
         // libx264 leaves the duration unset; without it an mp4 ends its last frame at
         // that frame's start, and players drop it.
-        if (pkt->duration == 0 && ost->enc->codec_type == AVMEDIA_TYPE_VIDEO)
+        if (pkt->duration == 0 && video)
             pkt->duration = 1;
         av_packet_rescale_ts(pkt, ost->enc->time_base, ost->st->time_base);
         pkt->stream_index = ost->st->index;
@@ -679,27 +690,36 @@ int FFmpegApi::encodeAudioFifo(bool all)
             return -1;
         ost->frame->pts = av_rescale_q(ost->samples_count, AVRational{1, c->sample_rate}, c->time_base);
         ost->samples_count += ost->frame->nb_samples;
-        encodeAndWrite(ost, ost->frame);
+        const int ret = encodeAndWrite(ost, ost->frame);
         ost->frame->nb_samples = c->frame_size;
+        if (ret < 0)
+            return ret;
     }
     return 0;
 }
 
-// Writes what the resampler and the fifo still hold.
-void FFmpegApi::drainAudio()
+// Writes what the resampler and the fifo still hold; 0, or -1 after a message.
+int FFmpegApi::drainAudio()
 {
     OutputStream *ost = &audio_st;
     if (!ost->swr_ctx || !ost->fifo)
-        return;
+        return 0;
     const int capacity = swr_get_out_samples(ost->swr_ctx, 0);
-    if (capacity > 0 && reserveResamplerOutput(capacity)) {
+    if (capacity > 0) {
+        if (!reserveResamplerOutput(capacity))
+            return -1;
         const int got = swr_convert(ost->swr_ctx, ost->tmp_frame->data, capacity, nullptr, 0);
-        if (got > 0) {
-            av_audio_fifo_write(ost->fifo, reinterpret_cast<void **>(ost->tmp_frame->data), got);
-            ost->next_pts += got;
+        if (got < 0) {
+            reportWriteError("Error draining the resampler", got);
+            return -1;
         }
+        if (got > 0 && av_audio_fifo_write(ost->fifo, reinterpret_cast<void **>(ost->tmp_frame->data), got) < got) {
+            reportWriteError("Error queueing the last sound", AVERROR(ENOMEM));
+            return -1;
+        }
+        ost->next_pts += got;
     }
-    encodeAudioFifo(true);
+    return encodeAudioFifo(true);
 }
 
 bool FFmpegApi::encodeVideo()
@@ -728,10 +748,10 @@ void FFmpegApi::flush()
     if (m_headerWritten) {
         if (m_hasVideo && video_st.enc)
             encodeAndWrite(&video_st, nullptr);
-        if (m_hasAudio && audio_st.enc) {
-            drainAudio();
+        // A drain that fails is told and kept in writeError; the trailer still goes, so
+        // that what was written stays readable.
+        if (m_hasAudio && audio_st.enc && drainAudio() == 0)
             encodeAndWrite(&audio_st, nullptr);
-        }
         const int ret = av_write_trailer(oc);
         if (ret < 0)
             reportWriteError("Error writing the file trailer", ret);

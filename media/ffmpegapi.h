@@ -150,8 +150,8 @@ public:
     void setDriftCorrection(bool on) { m_driftCorrection = on; }
     // Samples per channel out of the resampler so far: the sound's timeline, 1/rate.
     int64_t audioSamplesOut() const { return audio_st.next_pts; }
-    // The first error a packet, the trailer or the close got (an AVERROR), 0 while every
-    // write succeeded. The file stays as far as it was written.
+    // The first error an encoder, a packet, the trailer or the close got (an AVERROR), 0
+    // while every one succeeded. The file stays as far as it was written.
     int writeError() const { return m_writeError; }
     // Drains both encoders, writes the trailer and releases everything; in
     // RecoverableThenStandard mode a fragmented MP4/MOV is then rewritten as a standard
@@ -180,7 +180,7 @@ private:
     int openResampler(int inputChannels);
     bool reserveResamplerOutput(int samples);
     int encodeAudioFifo(bool all);
-    void drainAudio();
+    int drainAudio();
     void setRecoverableOptions(AVDictionary **muxerOptions);
     int closeOutput();
     void finishFile();
