@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "media/ffmpegapi.h"
+#include "media/mediawriter.h"
 #include "soundtimeline.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "ffmpegapi.h"
+#include "mediawriter.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -187,12 +187,12 @@ int fill_yuv_image(AVFrame *frame, int width, int height, cv::Mat &img)
     return ret;
 }
 
-FFmpegApi::FFmpegApi()
+MediaWriter::MediaWriter()
     : m_sync(std::make_unique<PeriodicSync>())
 {
 }
 
-FFmpegApi::~FFmpegApi()
+MediaWriter::~MediaWriter()
 {
     // The writer owns what open built until flush: a failed open, or a writer given up
     // without flush, must not leak it.
@@ -200,7 +200,7 @@ FFmpegApi::~FFmpegApi()
 }
 
 // Frees the container, the encoders, the frames and the graph; safe to call twice.
-void FFmpegApi::release()
+void MediaWriter::release()
 {
     m_sync->stop();
     avfilter_graph_free(&filter_graph);
@@ -221,7 +221,7 @@ void FFmpegApi::release()
     m_headerWritten = false;
 }
 
-AVFrame *FFmpegApi::alloc_audio_frame(AVSampleFormat sample_fmt, const AVChannelLayout *channel_layout,
+AVFrame *MediaWriter::alloc_audio_frame(AVSampleFormat sample_fmt, const AVChannelLayout *channel_layout,
                                       int sample_rate, int nb_samples)
 {
     AVFrame *frame = av_frame_alloc();
@@ -268,7 +268,7 @@ static int openVideo(OutputStream *ost, const AVCodec *codec, AVDictionary *opti
     return 0;
 }
 
-int FFmpegApi::openAudio(AVDictionary *options, int inputChannels)
+int MediaWriter::openAudio(AVDictionary *options, int inputChannels)
 {
     OutputStream *ost = &audio_st;
     AVCodecContext *c = ost->enc;
@@ -312,7 +312,7 @@ int FFmpegApi::openAudio(AVDictionary *options, int inputChannels)
 // S16 interleaved blocks of `inputChannels` to the encoder's format and channels, at the
 // same rate. More channels than the encoder has (a microphone array) are averaged into
 // each output channel: the layout of such a card names no speakers to mix by.
-int FFmpegApi::openResampler(int inputChannels)
+int MediaWriter::openResampler(int inputChannels)
 {
     OutputStream *ost = &audio_st;
     AVCodecContext *c = ost->enc;
@@ -338,7 +338,7 @@ int FFmpegApi::openResampler(int inputChannels)
     return swr_init(ost->swr_ctx);
 }
 
-int FFmpegApi::open(char *filename, int videoBitrate, int fps, int width, int height,
+int MediaWriter::open(char *filename, int videoBitrate, int fps, int width, int height,
                     int audioChannel, int audioSampleRate)
 {
     ffmpeglog::route();
@@ -369,7 +369,7 @@ int FFmpegApi::open(char *filename, int videoBitrate, int fps, int width, int he
 // The output is a local file opened by the library itself: no FFmpeg protocol is
 // involved, so a colon in the name is an ordinary character and a link planted at the
 // name is refused rather than written through.
-int FFmpegApi::openFile()
+int MediaWriter::openFile()
 {
     std::string error;
     const int fd = safefile::createOutput(m_path, m_stopRequested, safefile::kOpenTimeout, &error);
@@ -385,7 +385,7 @@ int FFmpegApi::openFile()
     return 0;
 }
 
-int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSampleRate)
+int MediaWriter::openOutput(AVDictionary *options, int audioChannel, int audioSampleRate)
 {
     const std::string protocol = safefile::protocolOf(m_path);
     if (!protocol.empty()) {
@@ -461,7 +461,7 @@ int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSamp
     return 0;
 }
 
-void FFmpegApi::setRecoverableOptions(AVDictionary **muxerOptions)
+void MediaWriter::setRecoverableOptions(AVDictionary **muxerOptions)
 {
     // Every packet goes to the kernel as it is written, not in 32 KiB blocks.
     av_dict_set(muxerOptions, "flush_packets", "1", 0);
@@ -480,7 +480,7 @@ void FFmpegApi::setRecoverableOptions(AVDictionary **muxerOptions)
 
 // A full disk or a vanished device fails every packet after the first: the user is told
 // once what failed, and the caller (writeError) ends the recording.
-void FFmpegApi::reportWriteError(const char *what, int error)
+void MediaWriter::reportWriteError(const char *what, int error)
 {
     if (m_writeFailed)
         return;
@@ -494,7 +494,7 @@ void FFmpegApi::reportWriteError(const char *what, int error)
 // Sends one frame (null: drain) to the stream's encoder and writes every packet it gives.
 // -1 when the encoder failed or a packet could not be written: told once, and kept for
 // writeError, which ends the recording.
-int FFmpegApi::encodeAndWrite(OutputStream *ost, AVFrame *frame)
+int MediaWriter::encodeAndWrite(OutputStream *ost, AVFrame *frame)
 {
     const bool video = ost->enc->codec_type == AVMEDIA_TYPE_VIDEO;
     int ret = avcodec_send_frame(ost->enc, frame);
@@ -535,7 +535,7 @@ int FFmpegApi::encodeAndWrite(OutputStream *ost, AVFrame *frame)
     return result;
 }
 
-AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img, int64_t pts)
+AVFrame *MediaWriter::nextVideoFrame(cv::Mat &img, int64_t pts)
 {
     // A frame the encoder cannot take is refused, not encoded as garbage.
     if (img.empty() || !isCameraFrameType(img.type()) || img.cols < video_st.enc->width
@@ -556,12 +556,12 @@ AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img, int64_t pts)
     return frame;
 }
 
-int FFmpegApi::write_video(cv::Mat img)
+int MediaWriter::write_video(cv::Mat img)
 {
     return write_video(img, video_st.next_pts);
 }
 
-int FFmpegApi::write_video(cv::Mat img, int64_t pts)
+int MediaWriter::write_video(cv::Mat img, int64_t pts)
 {
     if (!m_headerWritten || !m_hasVideo || !video_st.frame)
         return -1;
@@ -571,7 +571,7 @@ int FFmpegApi::write_video(cv::Mat img, int64_t pts)
     return encodeVideoFrame(frame);
 }
 
-int FFmpegApi::write_video(const AVFrame *picture, int64_t pts)
+int MediaWriter::write_video(const AVFrame *picture, int64_t pts)
 {
     if (!m_headerWritten || !m_hasVideo || !video_st.frame)
         return -1;
@@ -594,7 +594,7 @@ int FFmpegApi::write_video(const AVFrame *picture, int64_t pts)
     return result;
 }
 
-int FFmpegApi::encodeVideoFrame(AVFrame *frame)
+int MediaWriter::encodeVideoFrame(AVFrame *frame)
 {
     if (!m_useFilter)
         return encodeAndWrite(&video_st, frame);
@@ -617,7 +617,7 @@ int FFmpegApi::encodeVideoFrame(AVFrame *frame)
     return result;
 }
 
-int FFmpegApi::write_audio(unsigned char *data)
+int MediaWriter::write_audio(unsigned char *data)
 {
     if (!m_headerWritten || !m_hasAudio || !audio_st.swr_ctx || !data)
         return 0;
@@ -631,7 +631,7 @@ int FFmpegApi::write_audio(unsigned char *data)
     return 0;
 }
 
-int FFmpegApi::write_audio(const AudioBlock &block, int compensation)
+int MediaWriter::write_audio(const AudioBlock &block, int compensation)
 {
     if (!m_headerWritten || !m_hasAudio || !audio_st.swr_ctx)
         return 0;
@@ -656,7 +656,7 @@ int FFmpegApi::write_audio(const AudioBlock &block, int compensation)
 }
 
 // The resampler's output frame holds at least `samples`; false after a message.
-bool FFmpegApi::reserveResamplerOutput(int samples)
+bool MediaWriter::reserveResamplerOutput(int samples)
 {
     OutputStream *ost = &audio_st;
     if (ost->tmp_frame && ost->tmp_frame->nb_samples >= samples)
@@ -671,7 +671,7 @@ bool FFmpegApi::reserveResamplerOutput(int samples)
 
 // Encodes whole frames from the fifo; with `all`, the last partial one too (padded with
 // silence for an encoder that takes whole frames only).
-int FFmpegApi::encodeAudioFifo(bool all)
+int MediaWriter::encodeAudioFifo(bool all)
 {
     OutputStream *ost = &audio_st;
     AVCodecContext *c = ost->enc;
@@ -699,7 +699,7 @@ int FFmpegApi::encodeAudioFifo(bool all)
 }
 
 // Writes what the resampler and the fifo still hold; 0, or -1 after a message.
-int FFmpegApi::drainAudio()
+int MediaWriter::drainAudio()
 {
     OutputStream *ost = &audio_st;
     if (!ost->swr_ctx || !ost->fifo)
@@ -722,12 +722,12 @@ int FFmpegApi::drainAudio()
     return encodeAudioFifo(true);
 }
 
-bool FFmpegApi::encodeVideo()
+bool MediaWriter::encodeVideo()
 {
     return encodeVideo(video_st.next_pts);
 }
 
-bool FFmpegApi::encodeVideo(int64_t videoPts)
+bool MediaWriter::encodeVideo(int64_t videoPts)
 {
     if (!m_hasAudio)
         return true;
@@ -738,7 +738,7 @@ bool FFmpegApi::encodeVideo(int64_t videoPts)
         <= 0;
 }
 
-void FFmpegApi::flush()
+void MediaWriter::flush()
 {
     if (!oc)
         return;
@@ -765,7 +765,7 @@ void FFmpegApi::flush()
 }
 
 // Closes the output file, flushing what is still buffered; 0 or the error, told once.
-int FFmpegApi::closeOutput()
+int MediaWriter::closeOutput()
 {
     if ((fmt->flags & AVFMT_NOFILE) || !oc->pb)
         return 0;
@@ -777,7 +777,7 @@ int FFmpegApi::closeOutput()
 
 // A cleanly written recoverable file: a fragmented MP4 is rewritten as a standard one,
 // any other is synced once more so that its end reaches the disk too.
-void FFmpegApi::finishFile()
+void MediaWriter::finishFile()
 {
     if (m_writeMode == WriteMode::IndexAtEnd)
         return;
@@ -797,11 +797,4 @@ void FFmpegApi::finishFile()
     }
     if (const int err = syncPath(m_path))
         fprintf(stderr, "Syncing %s to the disk failed: %s\n", m_path.c_str(), strerror(err));
-}
-
-void FFmpegApi::test()
-{
-    void *opaque = nullptr;
-    while (av_demuxer_iterate(&opaque)) {
-    }
 }

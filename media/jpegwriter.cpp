@@ -1,4 +1,5 @@
-#include "ffmpegapi.h"
+#include "jpegsnapshot.h"
+#include "mediawriter.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -318,12 +319,16 @@ int saveJpeg(const JpegWriterKind &kind, cv::Mat &img, int n)
 
 } // namespace
 
-int FFmpegApi::SaveAsJPEG(cv::Mat img, int n)
+namespace jpegsnapshot {
+
+int withText(cv::Mat img, int n)
 {
     return saveJpeg(kTextSnapshot, img, n);
 }
 
-int FilterThread::saveAsJPEG(cv::Mat img, int n)
+int withLogo(cv::Mat img, int n)
 {
     return saveJpeg(kLogoSnapshot, img, n);
 }
+
+} // namespace jpegsnapshot

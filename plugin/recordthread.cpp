@@ -4,7 +4,7 @@
 #include "audio/audiocapturethread.h"
 #include "encode/ffmpegencode.h"
 #include "encode/videodatathread.h"
-#include "media/ffmpegapi.h"
+#include "media/mediawriter.h"
 #include "media/ffmpeglog.h"
 
 #include <QDateTime>

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the built project into a temporary prefix, compiles a consumer of each installed
-# header on its own, builds the example host against the installed package and runs it.
+# header on its own, links and runs a host that calls into every installed header, builds
+# the example host against the installed package and runs it.
 # usage: install_test.sh BUILD_DIR SOURCE_DIR [SANITIZE]
 set -euo pipefail
 build=$1
@@ -33,6 +34,22 @@ for header in "$work"/prefix/include/kwrecorder/*.h; do
     $(pkg-config --cflags Qt5Core libavformat libavcodec) \
     || { echo "installed header $name does not compile on its own" >&2; exit 1; }
 done
+
+# The linked host names every installed header: a header added without a call here fails.
+for header in "$work"/prefix/include/kwrecorder/*.h; do
+  grep -q "#include <$(basename "$header")>" "$src/tests/install/linkhost.cpp" \
+    || { echo "linkhost.cpp does not use the installed $(basename "$header")" >&2; exit 1; }
+done
+sanitizeFlags=()
+if [ -n "$sanitize" ]; then
+  sanitizeFlags=(-fsanitize="$sanitize")
+fi
+# shellcheck disable=SC2046
+g++ -std=c++17 -fPIC -Wall -Werror "${sanitizeFlags[@]}" "$src/tests/install/linkhost.cpp" -o "$work/linkhost" \
+  $(PKG_CONFIG_PATH="$pc" pkg-config --define-variable=prefix="$work/prefix" --cflags-only-I --libs-only-l kwrecorder) \
+  $(pkg-config --cflags --libs Qt5Core) $(pkg-config --cflags libavformat libavcodec) "$plugin" -Wl,-rpath,"$(dirname "$plugin")" \
+  || { echo "a host does not link against the installed headers and library" >&2; exit 1; }
+"$work/linkhost"
 
 flags=()
 if [ -n "$sanitize" ]; then
