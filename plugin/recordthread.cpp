@@ -96,6 +96,14 @@ struct Session {
     long framesRefused = 0;           // camera frames of a type that cannot be recorded
     bool micLost = false;             // the sound ended before the stop
     std::chrono::steady_clock::time_point lastProgress; // when the status was last refreshed
+
+    // Takes the pipeline down: capture, feeder, encoder, each joining its own thread.
+    void tearDown()
+    {
+        capture.reset();
+        feeder.reset();
+        encoder.reset();
+    }
 };
 
 // The sessions, one after another, on the worker thread. It holds its own share of the
@@ -343,7 +351,7 @@ void SessionRunner::publishProgress(Session &s, bool force)
 bool SessionRunner::shouldEnd(Session &s)
 {
     publishProgress(s, false);
-    if (!s.encoder || !s.encoder->hasFailed())
+    if (!s.encoder || !s.encoder->recordingFailed())
         return false;
     if (s.endReason.isEmpty())
         s.endReason = s.encoder->failure();
@@ -464,7 +472,8 @@ void SessionRunner::loop()
             qWarning() << "recording session ended by an unknown exception";
             s.endReason = QStringLiteral("an internal error");
         }
-        s.encoder.reset();
+        // endUse comes after the whole pipeline is gone, however the session ended.
+        s.tearDown();
         s.use.end();
         endStatus(s);
         std::lock_guard<std::mutex> lock(d->mutex);
@@ -522,17 +531,6 @@ void SessionRunner::runSession(Session &s, const RecordingSettings &settings)
     }
 
     s.use.adopt(d->component.load());
-    // endUse comes after the whole pipeline is gone.
-    struct Teardown {
-        Session &s;
-        ~Teardown()
-        {
-            s.capture.reset();
-            s.feeder.reset();
-            s.encoder.reset();
-            s.use.end();
-        }
-    } teardown{s};
     s.encoder = std::make_unique<FFmpegEncode>();
     const bool audio = settings.audio && openMicrophone(s);
     if (!audio && (!settings.video || !stillWanted(s))) {
@@ -560,7 +558,7 @@ void SessionRunner::runSession(Session &s, const RecordingSettings &settings)
     // written must answer false to waitForRecordStart instead of a brief true.
     if (!encoder.waitForOpen()) {
         qDebug() << "record failed: the output file could not be opened";
-        s.endReason = encoder.hasFailed() ? encoder.failure()
+        s.endReason = encoder.recordingFailed() ? encoder.failure()
                                           : QStringLiteral("the output could not be opened");
         stopAfterFailedOpen(s);
         return;
@@ -684,7 +682,6 @@ void SessionRunner::startBehindFirstFrame(Session &s)
     encoder.setTimelineOrigin(std::chrono::steady_clock::now());
     if (s.capture)
         startCapture(*s.capture, encoder);
-    encoder.startEncode();
     s.feeder->start(&encoder);
     s.feeder->waitForReady(kFeederStartTimeout);
 
@@ -737,9 +734,7 @@ void SessionRunner::stopVideo(Session &s)
 // The encoder could not open its output: take down what was started, record nothing.
 void SessionRunner::stopAfterFailedOpen(Session &s)
 {
-    s.capture.reset();
-    s.feeder.reset();
-    s.encoder.reset();
+    s.tearDown();
     answerStart(s.generation, false);
 }
 
