@@ -13,6 +13,7 @@
 #include <QDebug>
 #include <chrono>
 #include <cstdio>
+#include <malloc.h>
 #include <memory>
 
 namespace {
@@ -475,6 +476,10 @@ void SessionRunner::loop()
         // endUse comes after the whole pipeline is gone, however the session ended.
         s.tearDown();
         s.use.end();
+        // The recording's threads freed their buffers into allocator arenas of their own,
+        // which glibc keeps; given back here, a host that records again and again does not
+        // hold the pictures of every earlier recording.
+        malloc_trim(0);
         endStatus(s);
         std::lock_guard<std::mutex> lock(d->mutex);
         d->recording = false;
