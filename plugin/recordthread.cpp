@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <malloc.h>
 #include <memory>
+#include <system_error>
 
 namespace {
 
@@ -422,7 +423,17 @@ void RecordThread::run()
         std::lock_guard<std::mutex> lock(state->mutex);
         state->workerDone = false;
     }
-    std::thread worker([state] { SessionRunner(state).loop(); });
+    std::thread worker;
+    try {
+        worker = std::thread([state] { SessionRunner(state).loop(); });
+    } catch (const std::system_error &e) {
+        // No thread to spare: the sessions run here, as safe as ever but for a deletion
+        // from inside the frame source's calls.
+        qWarning() << "cannot start the session thread, recording on the recorder's own:" << e.what();
+        SessionRunner(state).loop();
+        state->exit.markReturned();
+        return;
+    }
     bool ownerGone = false;
     {
         std::unique_lock<std::mutex> lock(state->mutex);
