@@ -460,7 +460,8 @@ TEST_F(SessionTest, DeletingTheInstanceFromInsideTheFrameSourceLetsTheSessionEnd
                     call(At::GetFrame);
                 return true;
             }
-            void endUse() override { ++ends; call(At::EndUse); }
+            // Counted once the call is over: the test may then let the camera go.
+            void endUse() override { call(At::EndUse); ++ends; }
         } cam;
         cam.call = [&](At at) {
             if (at == row.at)
