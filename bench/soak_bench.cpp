@@ -8,14 +8,18 @@
 //   lipsync one recording of a camera that flashes while the card, its clock off by --ppm,
 //           beeps at the same instants: the offset of flash and beep in the file, minute
 //           by minute.
+//   clips   --clips short video recordings of --size in one process, as a host makes them:
+//           the plain resident size (nothing trimmed by the benchmark) after the tenth and
+//           after the last, which should stay within a few MiB.
 //
-// usage: soak_bench [--minutes N] [--mode cycles|heavy|both|lipsync] [--size WxH]
-//                   [--bitrate N] [--ppm N] [--plugin PATH]
+// usage: soak_bench [--minutes N] [--mode cycles|heavy|both|lipsync|clips] [--size WxH]
+//                   [--bitrate N] [--ppm N] [--clips N] [--plugin PATH]
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QStringList>
 
 #include <chrono>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -41,6 +45,8 @@ struct Options {
     bool cycles = true;
     bool heavy = true;
     bool lipsync = false;
+    bool clips = false;
+    int clipCount = 300;        // recordings of the clips run
     double ppm = 300;           // the lip-sync run's card clock error
     int width = 1280;
     int height = 720;
@@ -52,6 +58,15 @@ struct Options {
 constexpr double kMinMinutes = 0.01;
 constexpr double kMaxMinutes = 24 * 60;
 constexpr long long kMaxBitrate = 200000000; // bit/s
+
+// The clips run's reference: after the tenth recording, as a host's memory has settled.
+constexpr int kClipReference = 10;
+// Frames each clip records, at kClipFps.
+constexpr int kClipFrames = 10;
+constexpr int kClipFps = 25;
+// The clips run reports every this many recordings.
+constexpr int kClipReportEvery = 50;
+constexpr int kMaxClips = 100000;
 
 // Cycles report every this many cycles.
 constexpr int kReportEvery = 25;
@@ -152,6 +167,65 @@ int soakHeavy(const Options &o, const std::string &file)
     return 0;
 }
 
+// Counts what the camera handed out, so that each clip holds frames.
+class CountingCamera : public CyclingCamera
+{
+public:
+    using CyclingCamera::CyclingCamera;
+    bool getFrame(cv::Mat &frame) override
+    {
+        const bool got = CyclingCamera::getFrame(frame);
+        frames += got;
+        return got;
+    }
+    std::atomic<long> frames{0};
+};
+
+int soakClips(const Options &o, const std::string &file)
+{
+    LoadedRecorder rec(o.plugin);
+    if (!rec.loaded()) {
+        std::fprintf(stderr, "cannot load the plugin: %s\n", qPrintable(rec.error()));
+        return 1;
+    }
+    CountingCamera camera(CyclingCamera::synthetic(o.width, o.height, kClipFps, kClipFps), kClipFps);
+    rec->setHasAudio(false);
+    rec->vSetRecSize(o.width, o.height);
+    rec->setFps(kClipFps);
+    rec->setPluginComponent(&camera);
+    rec->setFilename(QString::fromStdString(file));
+    std::printf("clips: %d recordings of %d frames at %dx%d, one process\n", o.clipCount,
+                kClipFrames, o.width, o.height);
+    long reference = 0;
+    int failures = 0;
+    for (int clip = 1; clip <= o.clipCount; ++clip) {
+        bool ok = false;
+        testutil::captureStdout([&] {
+            const long before = camera.frames;
+            rec->startRecord();
+            ok = rec->waitForRecordStart(30000)
+                && testutil::pollUntil([&] { return camera.frames >= before + kClipFrames; },
+                                       std::chrono::seconds(30));
+            ok = rec.stopAndWait(std::chrono::seconds(60)) && ok;
+        });
+        failures += !ok;
+        const long rss = testutil::residentKiB();
+        if (clip == kClipReference)
+            reference = rss;
+        if (clip % kClipReportEvery == 0 || clip == kClipReference) {
+            std::printf("  clip %5d  RSS %7.1f MiB  threads %d\n", clip, rss / 1024.0,
+                        testutil::threadCount());
+            std::fflush(stdout);
+        }
+    }
+    const long rss = testutil::residentKiB();
+    std::printf("clips: %d recorded, %d failed; RSS %.1f MiB after clip %d, %.1f MiB after the "
+                "last (%+.1f MiB)\n",
+                o.clipCount, failures, reference / 1024.0, kClipReference, rss / 1024.0,
+                (rss - reference) / 1024.0);
+    return failures ? 1 : 0;
+}
+
 // The flashing camera's schedule (kFps, kFlashEvery) is the lip-sync test's.
 int soakLipSync(const Options &o, const std::string &file)
 {
@@ -230,7 +304,7 @@ Options parseOptions()
     p.addOptions({
         {QStringLiteral("minutes"), QStringLiteral("Minutes of each run (10)."), QStringLiteral("N")},
         {QStringLiteral("mode"),
-         QStringLiteral("Which runs: cycles, heavy, both, or lipsync (both)."),
+         QStringLiteral("Which runs: cycles, heavy, both, lipsync or clips (both)."),
          QStringLiteral("MODE")},
         {QStringLiteral("ppm"), QStringLiteral("Card clock error of the lipsync run (300)."),
          QStringLiteral("N")},
@@ -238,6 +312,8 @@ Options parseOptions()
          QStringLiteral("WxH")},
         {QStringLiteral("bitrate"),
          QStringLiteral("Video bit rate of the heavy recording in bit/s (4000000)."),
+         QStringLiteral("N")},
+        {QStringLiteral("clips"), QStringLiteral("Recordings of the clips run (300)."),
          QStringLiteral("N")},
         {QStringLiteral("plugin"), QStringLiteral("The plugin library to load."),
          QStringLiteral("PATH")},
@@ -249,8 +325,10 @@ Options parseOptions()
     QString mode = QStringLiteral("both");
     commandline::readChoice(p, QStringLiteral("mode"), mode,
                             {QStringLiteral("cycles"), QStringLiteral("heavy"),
-                             QStringLiteral("both"), QStringLiteral("lipsync")});
+                             QStringLiteral("both"), QStringLiteral("lipsync"),
+                             QStringLiteral("clips")});
     o.lipsync = mode == QStringLiteral("lipsync");
+    o.clips = mode == QStringLiteral("clips");
     o.cycles = mode == QStringLiteral("cycles") || mode == QStringLiteral("both");
     o.heavy = mode == QStringLiteral("heavy") || mode == QStringLiteral("both");
     commandline::readNumber(p, QStringLiteral("ppm"), o.ppm, -5000, 5000);
@@ -259,6 +337,7 @@ Options parseOptions()
     o.width = size.first;
     o.height = size.second;
     commandline::readInteger(p, QStringLiteral("bitrate"), o.bitrate, 1, kMaxBitrate);
+    commandline::readInteger(p, QStringLiteral("clips"), o.clipCount, kClipReference, kMaxClips);
     if (p.isSet(QStringLiteral("plugin")))
         o.plugin = p.value(QStringLiteral("plugin"));
     return o;
@@ -278,5 +357,7 @@ int main(int argc, char **argv)
         failures += soakHeavy(o, dir.file("heavy.mp4"));
     if (o.lipsync)
         failures += soakLipSync(o, dir.file("lipsync.mp4"));
+    if (o.clips)
+        failures += soakClips(o, dir.file("clips.mp4"));
     return failures ? 1 : 0;
 }

@@ -1,13 +1,12 @@
 #include "ffmpegencode.h"
 
-#include <QDateTime>
 #include <QDebug>
 #include <QFileInfo>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
-#include "media/ffmpegapi.h"
+#include "media/mediawriter.h"
 #include "soundtimeline.h"
 
 namespace {
@@ -67,14 +66,6 @@ void FFmpegEncode::setState(int state)
     queueCondition.notify_all();
 }
 
-void FFmpegEncode::setIsOver(bool v)
-{
-    if (v)
-        m_state.fetch_or(kOver, std::memory_order_acq_rel);
-    else
-        m_state.fetch_and(~kOver, std::memory_order_acq_rel);
-}
-
 void FFmpegEncode::setRun(bool run)
 {
     {
@@ -86,13 +77,6 @@ void FFmpegEncode::setRun(bool run)
         return;
     exit.reset();
     start(QThread::InheritPriority);
-    startEncode();
-}
-
-void FFmpegEncode::startEncode()
-{
-    startCount = 0;
-    startTime = QDateTime::currentMSecsSinceEpoch();
 }
 
 bool FFmpegEncode::waitForOpen()
@@ -264,12 +248,6 @@ int FFmpegEncode::videoQueueCount()
 {
     std::lock_guard<std::mutex> lock(queueMutex);
     return videoList.size();
-}
-
-int FFmpegEncode::peakVideoQueueCount()
-{
-    std::lock_guard<std::mutex> lock(queueMutex);
-    return peakVideoQueued;
 }
 
 long FFmpegEncode::droppedVideoFrames()

@@ -76,14 +76,13 @@ public:
 
     // Status, any thread.
     bool isOver() const { return m_state.load(std::memory_order_acquire) & kOver; }
-    void setIsOver(bool v);
     bool isEncodeOpen() const { return m_state.load(std::memory_order_acquire) & kOpen; }
     // The writer could not open the output; the thread has ended and nothing was written.
-    bool isFailed() const { return m_state.load(std::memory_order_acquire) & kFailed; }
+    bool openFailed() const { return m_state.load(std::memory_order_acquire) & kFailed; }
     int audioFrameSize() const { return m_audioFrameSize.load(std::memory_order_acquire); }
     // The recording cannot go on (a write failed, the disk stalled, an error on a worker
     // thread): the session ends it. Any thread.
-    bool hasFailed() const { return m_failed.load(std::memory_order_acquire); }
+    bool recordingFailed() const { return m_failed.load(std::memory_order_acquire); }
     // Why, as a short sentence; empty when it has not failed. Any thread.
     QString failure();
     // Ends the recording for `reason`; the first reason given is kept. Any thread.
@@ -94,7 +93,6 @@ public:
 
     // Session thread.
     void setRun(bool run);
-    void startEncode();
     // Blocks until the output is open (true) or could not be opened (false).
     bool waitForOpen();
     // Tells the thread to write what is queued and finish the file, and waits until it has.
@@ -124,8 +122,6 @@ public:
     void endAudio();
     int audioQueueCount();
     int videoQueueCount();
-    // Most frames that waited in the video queue at once in this recording.
-    int peakVideoQueueCount();
     // Frames dropped because the queue was full.
     long droppedVideoFrames();
 
@@ -212,8 +208,6 @@ private:
     // Steady clock, ns since its epoch: when the picture's frame 0 is due; 0 when unset.
     std::atomic<int64_t> m_originNs{0};
 
-    std::atomic<int> startCount{0};          // reset when encoding (re)starts
-    std::atomic<qint64> startTime{0};        // ms since the epoch, when encoding (re)started
     ThreadExit exit;                         // joins run() visibly to the sanitizer
 };
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "media/ffmpegapi.h"
+#include "media/mediawriter.h"
 
 unsigned int FrameSchedule::effectiveFps(unsigned int fps)
 {

@@ -1,4 +1,4 @@
-#include "ffmpegapi.h"
+#include "mediawriter.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -85,8 +85,6 @@ void configureAudio(AVCodecContext *c, AVStream *st, const AVCodec *codec, int a
                     int sampleRate)
 {
     c->bit_rate = kAudioBitrate;
-    av_opt_set(c->priv_data, "preset", "superfast", 0);
-    av_opt_set(c->priv_data, "tune", "zerolatency", 0);
     c->sample_fmt = codec->sample_fmts ? codec->sample_fmts[0] : AV_SAMPLE_FMT_FLTP;
     c->sample_rate = sampleRate;
     st->time_base = AVRational{1, sampleRate};
@@ -179,12 +177,12 @@ int fill_yuv_image(AVFrame *frame, int width, int height, cv::Mat &img)
     return fill_yuv_image(frame, width, height, img, scratch);
 }
 
-FFmpegApi::FFmpegApi()
+MediaWriter::MediaWriter()
     : m_sync(std::make_unique<PeriodicSync>())
 {
 }
 
-FFmpegApi::~FFmpegApi()
+MediaWriter::~MediaWriter()
 {
     // The writer owns what open built until flush: a failed open, or a writer given up
     // without flush, must not leak it.
@@ -192,7 +190,7 @@ FFmpegApi::~FFmpegApi()
 }
 
 // Frees the container, the encoders, the frames and the graph; safe to call twice.
-void FFmpegApi::release()
+void MediaWriter::release()
 {
     m_sync->stop();
     avfilter_graph_free(&filter_graph);
@@ -211,7 +209,7 @@ void FFmpegApi::release()
     m_headerWritten = false;
 }
 
-AVFrame *FFmpegApi::alloc_audio_frame(AVSampleFormat sample_fmt, const AVChannelLayout *channel_layout,
+AVFrame *MediaWriter::alloc_audio_frame(AVSampleFormat sample_fmt, const AVChannelLayout *channel_layout,
                                       int sample_rate, int nb_samples)
 {
     AVFrame *frame = av_frame_alloc();
@@ -258,7 +256,7 @@ static int openVideo(OutputStream *ost, const AVCodec *codec, AVDictionary *opti
     return 0;
 }
 
-int FFmpegApi::openAudio(AVDictionary *options, int inputChannels)
+int MediaWriter::openAudio(AVDictionary *options, int inputChannels)
 {
     OutputStream *ost = &audio_st;
     AVCodecContext *c = ost->enc;
@@ -302,7 +300,7 @@ int FFmpegApi::openAudio(AVDictionary *options, int inputChannels)
 // S16 interleaved blocks of `inputChannels` to the encoder's format and channels, at the
 // same rate. More channels than the encoder has (a microphone array) are averaged into
 // each output channel: the layout of such a card names no speakers to mix by.
-int FFmpegApi::openResampler(int inputChannels)
+int MediaWriter::openResampler(int inputChannels)
 {
     OutputStream *ost = &audio_st;
     AVCodecContext *c = ost->enc;
@@ -328,7 +326,7 @@ int FFmpegApi::openResampler(int inputChannels)
     return swr_init(ost->swr_ctx);
 }
 
-int FFmpegApi::open(char *filename, int videoBitrate, int fps, int width, int height,
+int MediaWriter::open(char *filename, int videoBitrate, int fps, int width, int height,
                     int audioChannel, int audioSampleRate)
 {
     ffmpeglog::route();
@@ -359,7 +357,7 @@ int FFmpegApi::open(char *filename, int videoBitrate, int fps, int width, int he
 // The output is a local file opened by the library itself: no FFmpeg protocol is
 // involved, so a colon in the name is an ordinary character and a link planted at the
 // name is refused rather than written through.
-int FFmpegApi::openFile()
+int MediaWriter::openFile()
 {
     std::string error;
     const int fd = safefile::createOutput(m_path, m_stopRequested, safefile::kOpenTimeout, &error);
@@ -375,7 +373,7 @@ int FFmpegApi::openFile()
     return 0;
 }
 
-int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSampleRate)
+int MediaWriter::openOutput(AVDictionary *options, int audioChannel, int audioSampleRate)
 {
     const std::string protocol = safefile::protocolOf(m_path);
     if (!protocol.empty()) {
@@ -451,7 +449,7 @@ int FFmpegApi::openOutput(AVDictionary *options, int audioChannel, int audioSamp
     return 0;
 }
 
-void FFmpegApi::setRecoverableOptions(AVDictionary **muxerOptions)
+void MediaWriter::setRecoverableOptions(AVDictionary **muxerOptions)
 {
     // Every packet goes to the kernel as it is written, not in 32 KiB blocks.
     av_dict_set(muxerOptions, "flush_packets", "1", 0);
@@ -470,7 +468,7 @@ void FFmpegApi::setRecoverableOptions(AVDictionary **muxerOptions)
 
 // A full disk or a vanished device fails every packet after the first: the user is told
 // once what failed, and the caller (writeError) ends the recording.
-void FFmpegApi::reportWriteError(const char *what, int error)
+void MediaWriter::reportWriteError(const char *what, int error)
 {
     if (m_writeFailed)
         return;
@@ -482,22 +480,35 @@ void FFmpegApi::reportWriteError(const char *what, int error)
 }
 
 // Sends one frame (null: drain) to the stream's encoder and writes every packet it gives.
-// -1 when a packet could not be written; an encoder error only loses the frame.
-int FFmpegApi::encodeAndWrite(OutputStream *ost, AVFrame *frame)
+// -1 when the encoder failed or a packet could not be written: told once, and kept for
+// writeError, which ends the recording.
+int MediaWriter::encodeAndWrite(OutputStream *ost, AVFrame *frame)
 {
-    if (avcodec_send_frame(ost->enc, frame) < 0)
-        return 0;
-    AVPacket *pkt = av_packet_alloc();
-    if (!pkt)
+    const bool video = ost->enc->codec_type == AVMEDIA_TYPE_VIDEO;
+    int ret = avcodec_send_frame(ost->enc, frame);
+    // A second drain finds the encoder drained already: nothing is lost.
+    if (ret < 0 && !(frame == nullptr && ret == AVERROR_EOF)) {
+        reportWriteError(video ? "Error encoding a video frame" : "Error encoding audio", ret);
         return -1;
+    }
+    AVPacket *pkt = av_packet_alloc();
+    if (!pkt) {
+        reportWriteError("Error allocating a packet", AVERROR(ENOMEM));
+        return -1;
+    }
     int result = 0;
     for (;;) {
-        const int ret = avcodec_receive_packet(ost->enc, pkt);
-        if (ret < 0)
-            break; // EAGAIN, EOF or an encoder error: nothing more now
+        ret = avcodec_receive_packet(ost->enc, pkt);
+        if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF)
+            break; // the encoder wants more, or is drained
+        if (ret < 0) {
+            reportWriteError(video ? "Error encoding a video frame" : "Error encoding audio", ret);
+            result = -1;
+            break;
+        }
         // libx264 leaves the duration unset; without it an mp4 ends its last frame at
         // that frame's start, and players drop it.
-        if (pkt->duration == 0 && ost->enc->codec_type == AVMEDIA_TYPE_VIDEO)
+        if (pkt->duration == 0 && video)
             pkt->duration = 1;
         av_packet_rescale_ts(pkt, ost->enc->time_base, ost->st->time_base);
         pkt->stream_index = ost->st->index;
@@ -512,7 +523,7 @@ int FFmpegApi::encodeAndWrite(OutputStream *ost, AVFrame *frame)
     return result;
 }
 
-AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img, int64_t pts)
+AVFrame *MediaWriter::nextVideoFrame(cv::Mat &img, int64_t pts)
 {
     // A frame the encoder cannot take is refused, not encoded as garbage.
     if (img.empty() || !isCameraFrameType(img.type()) || img.cols < video_st.enc->width
@@ -533,12 +544,12 @@ AVFrame *FFmpegApi::nextVideoFrame(cv::Mat &img, int64_t pts)
     return frame;
 }
 
-int FFmpegApi::write_video(cv::Mat img)
+int MediaWriter::write_video(cv::Mat img)
 {
     return write_video(img, video_st.next_pts);
 }
 
-int FFmpegApi::write_video(cv::Mat img, int64_t pts)
+int MediaWriter::write_video(cv::Mat img, int64_t pts)
 {
     if (!m_headerWritten || !m_hasVideo || !video_st.frame)
         return -1;
@@ -548,7 +559,7 @@ int FFmpegApi::write_video(cv::Mat img, int64_t pts)
     return encodeVideoFrame(frame);
 }
 
-int FFmpegApi::write_video(const AVFrame *picture, int64_t pts)
+int MediaWriter::write_video(const AVFrame *picture, int64_t pts)
 {
     if (!m_headerWritten || !m_hasVideo || !video_st.frame)
         return -1;
@@ -571,7 +582,7 @@ int FFmpegApi::write_video(const AVFrame *picture, int64_t pts)
     return result;
 }
 
-int FFmpegApi::encodeVideoFrame(AVFrame *frame)
+int MediaWriter::encodeVideoFrame(AVFrame *frame)
 {
     if (!m_useFilter)
         return encodeAndWrite(&video_st, frame);
@@ -594,7 +605,7 @@ int FFmpegApi::encodeVideoFrame(AVFrame *frame)
     return result;
 }
 
-int FFmpegApi::write_audio(unsigned char *data)
+int MediaWriter::write_audio(unsigned char *data)
 {
     if (!m_headerWritten || !m_hasAudio || !audio_st.swr_ctx || !data)
         return 0;
@@ -608,7 +619,7 @@ int FFmpegApi::write_audio(unsigned char *data)
     return 0;
 }
 
-int FFmpegApi::write_audio(const AudioBlock &block, int compensation)
+int MediaWriter::write_audio(const AudioBlock &block, int compensation)
 {
     if (!m_headerWritten || !m_hasAudio || !audio_st.swr_ctx)
         return 0;
@@ -633,7 +644,7 @@ int FFmpegApi::write_audio(const AudioBlock &block, int compensation)
 }
 
 // The resampler's output frame holds at least `samples`; false after a message.
-bool FFmpegApi::reserveResamplerOutput(int samples)
+bool MediaWriter::reserveResamplerOutput(int samples)
 {
     OutputStream *ost = &audio_st;
     if (ost->tmp_frame && ost->tmp_frame->nb_samples >= samples)
@@ -648,7 +659,7 @@ bool FFmpegApi::reserveResamplerOutput(int samples)
 
 // Encodes whole frames from the fifo; with `all`, the last partial one too (padded with
 // silence for an encoder that takes whole frames only).
-int FFmpegApi::encodeAudioFifo(bool all)
+int MediaWriter::encodeAudioFifo(bool all)
 {
     OutputStream *ost = &audio_st;
     AVCodecContext *c = ost->enc;
@@ -667,35 +678,44 @@ int FFmpegApi::encodeAudioFifo(bool all)
             return -1;
         ost->frame->pts = av_rescale_q(ost->samples_count, AVRational{1, c->sample_rate}, c->time_base);
         ost->samples_count += ost->frame->nb_samples;
-        encodeAndWrite(ost, ost->frame);
+        const int ret = encodeAndWrite(ost, ost->frame);
         ost->frame->nb_samples = c->frame_size;
+        if (ret < 0)
+            return ret;
     }
     return 0;
 }
 
-// Writes what the resampler and the fifo still hold.
-void FFmpegApi::drainAudio()
+// Writes what the resampler and the fifo still hold; 0, or -1 after a message.
+int MediaWriter::drainAudio()
 {
     OutputStream *ost = &audio_st;
     if (!ost->swr_ctx || !ost->fifo)
-        return;
+        return 0;
     const int capacity = swr_get_out_samples(ost->swr_ctx, 0);
-    if (capacity > 0 && reserveResamplerOutput(capacity)) {
+    if (capacity > 0) {
+        if (!reserveResamplerOutput(capacity))
+            return -1;
         const int got = swr_convert(ost->swr_ctx, ost->tmp_frame->data, capacity, nullptr, 0);
-        if (got > 0) {
-            av_audio_fifo_write(ost->fifo, reinterpret_cast<void **>(ost->tmp_frame->data), got);
-            ost->next_pts += got;
+        if (got < 0) {
+            reportWriteError("Error draining the resampler", got);
+            return -1;
         }
+        if (got > 0 && av_audio_fifo_write(ost->fifo, reinterpret_cast<void **>(ost->tmp_frame->data), got) < got) {
+            reportWriteError("Error queueing the last sound", AVERROR(ENOMEM));
+            return -1;
+        }
+        ost->next_pts += got;
     }
-    encodeAudioFifo(true);
+    return encodeAudioFifo(true);
 }
 
-bool FFmpegApi::encodeVideo()
+bool MediaWriter::encodeVideo()
 {
     return encodeVideo(video_st.next_pts);
 }
 
-bool FFmpegApi::encodeVideo(int64_t videoPts)
+bool MediaWriter::encodeVideo(int64_t videoPts)
 {
     if (!m_hasAudio)
         return true;
@@ -706,7 +726,7 @@ bool FFmpegApi::encodeVideo(int64_t videoPts)
         <= 0;
 }
 
-void FFmpegApi::flush()
+void MediaWriter::flush()
 {
     if (!oc)
         return;
@@ -716,10 +736,10 @@ void FFmpegApi::flush()
     if (m_headerWritten) {
         if (m_hasVideo && video_st.enc)
             encodeAndWrite(&video_st, nullptr);
-        if (m_hasAudio && audio_st.enc) {
-            drainAudio();
+        // A drain that fails is told and kept in writeError; the trailer still goes, so
+        // that what was written stays readable.
+        if (m_hasAudio && audio_st.enc && drainAudio() == 0)
             encodeAndWrite(&audio_st, nullptr);
-        }
         const int ret = av_write_trailer(oc);
         if (ret < 0)
             reportWriteError("Error writing the file trailer", ret);
@@ -733,7 +753,7 @@ void FFmpegApi::flush()
 }
 
 // Closes the output file, flushing what is still buffered; 0 or the error, told once.
-int FFmpegApi::closeOutput()
+int MediaWriter::closeOutput()
 {
     if ((fmt->flags & AVFMT_NOFILE) || !oc->pb)
         return 0;
@@ -745,7 +765,7 @@ int FFmpegApi::closeOutput()
 
 // A cleanly written recoverable file: a fragmented MP4 is finished as a standard one in place,
 // any other is synced once more so that its end reaches the disk too.
-void FFmpegApi::finishFile()
+void MediaWriter::finishFile()
 {
     if (m_writeMode == WriteMode::IndexAtEnd)
         return;
@@ -765,11 +785,4 @@ void FFmpegApi::finishFile()
     }
     if (const int err = syncPath(m_path))
         fprintf(stderr, "Syncing %s to the disk failed: %s\n", m_path.c_str(), strerror(err));
-}
-
-void FFmpegApi::test()
-{
-    void *opaque = nullptr;
-    while (av_demuxer_iterate(&opaque)) {
-    }
 }

@@ -117,10 +117,14 @@ int FilterGraph::build(int width, int height, AVPixelFormat format, AVRational t
         return ret;
     }
     io.outputs->name = av_strdup("in");
+    io.inputs->name = av_strdup("out");
+    if (!io.outputs->name || !io.inputs->name) {
+        av_log(nullptr, AV_LOG_ERROR, "Cannot name the graph's ends\n");
+        return AVERROR(ENOMEM);
+    }
     io.outputs->filter_ctx = m_source;
     io.outputs->pad_idx = 0;
     io.outputs->next = nullptr;
-    io.inputs->name = av_strdup("out");
     io.inputs->filter_ctx = m_sink;
     io.inputs->pad_idx = 0;
     io.inputs->next = nullptr;

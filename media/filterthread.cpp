@@ -1,6 +1,10 @@
-#include "ffmpegapi.h"
+#include "snapshotthread.h"
 
+#include <QList>
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 
 namespace {
 
@@ -15,7 +19,33 @@ constexpr int kDrainLimitMs = 10000;
 
 } // namespace
 
-FilterThread::FilterThread() = default;
+struct FilterThread::Queue {
+    std::atomic<bool> bStarted{false};  // the thread has been started
+    std::mutex mutex;                   // guards imageList, bWriting and droppedFrames
+    std::condition_variable waitCondition; // one wake per queued frame
+    std::condition_variable idleCondition; // woken when a frame has been written
+    QList<cv::Mat> imageList;           // frames waiting to be written, oldest first
+    bool bWriting = false;              // a frame taken from imageList is being written
+    quint64 droppedFrames = 0;          // frames removed unwritten to keep the bound
+
+    // Blocks until the queue is written out, or kDrainLimitMs passed.
+    void drain();
+};
+
+namespace {
+
+// Waits for the queue at process exit, while everything the writer uses still exists.
+struct ExitDrain {
+    FilterThread::Queue *queue;
+    ~ExitDrain() { queue->drain(); }
+};
+
+} // namespace
+
+FilterThread::FilterThread()
+    : d(std::make_unique<Queue>())
+{
+}
 
 // Never reached for the instance, which is not destroyed (see instance()).
 FilterThread::~FilterThread() = default;
@@ -25,16 +55,11 @@ FilterThread *FilterThread::instance()
     // Never destroyed, so the thread (which waits for frames forever) never runs on a
     // destroyed object; the queue is written out at exit instead.
     static FilterThread *const _instance = new FilterThread;
-    static ExitDrain drainAtExit;
+    static ExitDrain drainAtExit{_instance->d.get()};
     return _instance;
 }
 
-FilterThread::ExitDrain::~ExitDrain()
-{
-    FilterThread::instance()->drain();
-}
-
-void FilterThread::drain()
+void FilterThread::Queue::drain()
 {
     std::unique_lock<std::mutex> lock(mutex);
     // Bounded: exit never hangs on a writer that is stuck.
@@ -45,23 +70,23 @@ void FilterThread::drain()
 void FilterThread::start(cv::Mat img)
 {
     // Two first calls at once both reach QThread::start, which starts a thread once.
-    if (!bStarted.exchange(true))
+    if (!d->bStarted.exchange(true))
         QThread::start(QThread::InheritPriority);
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        imageList.append(img);
-        while (imageList.size() > kQueueLimit) {
-            imageList.removeFirst();
-            ++droppedFrames;
+        std::lock_guard<std::mutex> lock(d->mutex);
+        d->imageList.append(img);
+        while (d->imageList.size() > kQueueLimit) {
+            d->imageList.removeFirst();
+            ++d->droppedFrames;
         }
     }
-    waitCondition.notify_one();
+    d->waitCondition.notify_one();
 }
 
 quint64 FilterThread::dropped()
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    return droppedFrames;
+    std::lock_guard<std::mutex> lock(d->mutex);
+    return d->droppedFrames;
 }
 
 // Runs until the process ends: there is no way out, so there is no join either.
@@ -70,17 +95,17 @@ void FilterThread::run()
     for (;;) {
         cv::Mat frame;
         {
-            std::unique_lock<std::mutex> lock(mutex);
-            waitCondition.wait(lock, [this] { return !imageList.isEmpty(); });
-            frame = imageList.takeFirst();
-            bWriting = true;
+            std::unique_lock<std::mutex> lock(d->mutex);
+            d->waitCondition.wait(lock, [this] { return !d->imageList.isEmpty(); });
+            frame = d->imageList.takeFirst();
+            d->bWriting = true;
         }
         saveAsJPEG(frame, kSnapshotNumber);
         frame.release();
         {
-            std::lock_guard<std::mutex> lock(mutex);
-            bWriting = false;
+            std::lock_guard<std::mutex> lock(d->mutex);
+            d->bWriting = false;
         }
-        idleCondition.notify_all();
+        d->idleCondition.notify_all();
     }
 }

@@ -1,4 +1,5 @@
-#include "ffmpegapi.h"
+#include "jpegsnapshot.h"
+#include "mediawriter.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -75,6 +76,14 @@ struct Snapshot {
             unlink(temp.c_str());
     }
 };
+
+// One line saying what failed and FFmpeg's words for why.
+void reportAvError(const char *what, int error)
+{
+    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
+    av_strerror(error, text, sizeof text);
+    printf("%s: %s\n", what, text);
+}
 
 // The frame to encode: the picture converted to JPEG's format; -1 after a message.
 int prepareFrame(Snapshot &s, cv::Mat &img)
@@ -182,7 +191,8 @@ AVFrame *toJpegRange(const AVFrame *in)
     return out;
 }
 
-// Passes the frame through the graph, encodes it and writes the file's one packet.
+// Passes the frame through the graph, encodes it and writes the file's one packet and its
+// trailer; 0, or -1 after a message (nothing is published then).
 int filterAndEncode(Snapshot &s)
 {
     if (av_buffersrc_add_frame_flags(s.graph.source(), s.frame, AV_BUFFERSRC_FLAG_KEEP_REF) < 0) {
@@ -192,9 +202,12 @@ int filterAndEncode(Snapshot &s)
     s.filtered = av_frame_alloc();
     if (!s.filtered)
         return -1;
-    // A graph that gives no frame leaves a file with a header and a trailer only.
-    if (av_buffersink_get_frame_flags(s.graph.sink(), s.filtered, 0) < 0)
-        return 0;
+    // A graph that gives no frame would leave a file with a header and a trailer only.
+    const int got = av_buffersink_get_frame_flags(s.graph.sink(), s.filtered, 0);
+    if (got < 0) {
+        reportAvError("the filter graph gave no picture", got);
+        return -1;
+    }
     s.fullRange = toJpegRange(s.filtered);
     if (!s.fullRange)
         return -1;
@@ -202,11 +215,30 @@ int filterAndEncode(Snapshot &s)
         printf("Encode Error.");
         return -1;
     }
-    avcodec_send_frame(s.codec, nullptr);
-    while (avcodec_receive_packet(s.codec, s.packet) >= 0) {
+    int ret = avcodec_send_frame(s.codec, nullptr);
+    if (ret < 0) {
+        reportAvError("cannot finish the picture", ret);
+        return -1;
+    }
+    int packets = 0;
+    while ((ret = avcodec_receive_packet(s.codec, s.packet)) >= 0) {
         s.packet->stream_index = s.ctx->streams[0]->index;
-        av_write_frame(s.ctx, s.packet);
+        ret = av_write_frame(s.ctx, s.packet);
         av_packet_unref(s.packet);
+        if (ret < 0) {
+            reportAvError("cannot write the picture", ret);
+            return -1;
+        }
+        ++packets;
+    }
+    if (ret != AVERROR_EOF || packets == 0) {
+        reportAvError("cannot encode the picture", ret == AVERROR_EOF ? AVERROR_BUG : ret);
+        return -1;
+    }
+    ret = av_write_trailer(s.ctx);
+    if (ret < 0) {
+        reportAvError("cannot write the picture's trailer", ret);
+        return -1;
     }
     return 0;
 }
@@ -282,18 +314,21 @@ int saveJpeg(const JpegWriterKind &kind, cv::Mat &img, int n)
     const int encoded = filterAndEncode(s);
     if (encoded < 0)
         return encoded;
-    av_write_trailer(s.ctx);
     return publish(s, name);
 }
 
 } // namespace
 
-int FFmpegApi::SaveAsJPEG(cv::Mat img, int n)
+namespace jpegsnapshot {
+
+int withText(cv::Mat img, int n)
 {
     return saveJpeg(kTextSnapshot, img, n);
 }
 
-int FilterThread::saveAsJPEG(cv::Mat img, int n)
+int withLogo(cv::Mat img, int n)
 {
     return saveJpeg(kLogoSnapshot, img, n);
 }
+
+} // namespace jpegsnapshot

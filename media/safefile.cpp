@@ -41,6 +41,26 @@ struct PendingOpen {
     int error = 0;                 // errno of a failed open()
 };
 
+// Opener threads that have not finished, bounded by kMaxPendingOpens.
+std::mutex g_openersMutex;
+int g_openers = 0; // guarded by g_openersMutex
+
+// Counts one opener in; false when kMaxPendingOpens are still out.
+bool admitOpener()
+{
+    std::lock_guard<std::mutex> lock(g_openersMutex);
+    if (g_openers >= kMaxPendingOpens)
+        return false;
+    ++g_openers;
+    return true;
+}
+
+void releaseOpener()
+{
+    std::lock_guard<std::mutex> lock(g_openersMutex);
+    --g_openers;
+}
+
 bool isProtocol(const std::string &name)
 {
     for (int output = 0; output <= 1; ++output) {
@@ -55,17 +75,21 @@ bool isProtocol(const std::string &name)
 void runOpen(const std::shared_ptr<PendingOpen> &pending, const std::string &path)
 {
     // O_NONBLOCK: a FIFO without a reader fails at once (ENXIO) instead of waiting for one.
-    const int fd = open(path.c_str(),
-                        O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+    // No O_TRUNC: an open that completes after its waiter gave up must leave the file as
+    // it is by then.
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                         kFileMode);
     const int error = errno;
-    std::lock_guard<std::mutex> lock(pending->mutex);
-    pending->finished = true;
-    pending->fd = fd;
-    pending->error = error;
-    if (pending->abandoned && fd >= 0)
-        close(fd);
-    pending->done.notify_all();
+    {
+        std::lock_guard<std::mutex> lock(pending->mutex);
+        pending->finished = true;
+        pending->fd = fd;
+        pending->error = error;
+        if (pending->abandoned && fd >= 0)
+            close(fd);
+        pending->done.notify_all();
+    }
+    releaseOpener();
 }
 
 // Waits for the opener; -1 with *error when stopped or out of time (the opener then
@@ -113,6 +137,12 @@ int keepRegularFile(int fd, std::string *error)
     }
     const int flags = fcntl(fd, F_GETFL);
     if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        *error = strerror(errno);
+        close(fd);
+        return -1;
+    }
+    // The truncation the open left out, now that the descriptor is ours.
+    if (S_ISREG(st.st_mode) && ftruncate(fd, 0) != 0) {
         *error = strerror(errno);
         close(fd);
         return -1;
@@ -174,16 +204,27 @@ int createOutput(const std::string &path, const std::function<bool()> &stopReque
                  std::chrono::milliseconds timeout, std::string *error)
 {
     auto pending = std::make_shared<PendingOpen>();
+    if (!admitOpener()) {
+        *error = std::to_string(kMaxPendingOpens) + " earlier opens still have no answer";
+        return -1;
+    }
     // open() on a hung mount cannot be interrupted: it runs apart, and a waiter that gives
     // up leaves it to close its descriptor whenever the kernel answers.
     try {
         std::thread(runOpen, pending, path).detach();
     } catch (const std::system_error &e) {
+        releaseOpener();
         *error = e.what();
         return -1;
     }
     const int fd = waitForOpen(pending, stopRequested, timeout, error);
     return fd < 0 ? -1 : keepRegularFile(fd, error);
+}
+
+int pendingOpens()
+{
+    std::lock_guard<std::mutex> lock(g_openersMutex);
+    return g_openers;
 }
 
 int createTemp(const std::string &prefix, std::string *path, std::string *error)

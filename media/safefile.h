@@ -16,6 +16,9 @@ namespace safefile {
 constexpr std::chrono::milliseconds kOpenTimeout{5000};
 // How often a waiting open looks at the stop request.
 constexpr std::chrono::milliseconds kOpenPoll{20};
+// Opens given up on but still blocked in the kernel, at most: each holds a thread. Beyond
+// this an output is refused at once (the mount that hangs would only take more).
+constexpr int kMaxPendingOpens = 4;
 // Modes before the process's umask: what the user keeps, and what only we may read.
 constexpr unsigned kFileMode = 0644;
 constexpr unsigned kTempMode = 0600;
@@ -26,10 +29,14 @@ std::string protocolOf(const std::string &path);
 
 // Any thread. Creates or truncates `path` for writing, never following a link at the name
 // (O_NOFOLLOW), never waiting for a FIFO's reader and refusing a FIFO or socket. Gives up after
-// `timeout`, or as soon as `stopRequested` answers true. The descriptor, or -1 with
-// *error saying why.
+// `timeout`, or as soon as `stopRequested` answers true; an open given up on that completes
+// later closes its descriptor without having changed the file (it is truncated only once
+// the descriptor is taken). The descriptor, or -1 with *error saying why.
 int createOutput(const std::string &path, const std::function<bool()> &stopRequested,
                  std::chrono::milliseconds timeout, std::string *error);
+// Any thread. Opens of createOutput that have not returned from the kernel yet, given up
+// on or still waited for.
+int pendingOpens();
 
 // Any thread. Creates a fresh file named `prefix` followed by six random characters,
 // exclusively (a planted name is never reused) and with mode kTempMode. The descriptor

@@ -1,4 +1,4 @@
-#include "ffmpegapi.h"
+#include "mediawriter.h"
 
 #include <cstdio>
 
@@ -52,7 +52,7 @@ QString logo(const QString &file)
 
 } // namespace
 
-QString FFmpegApi::getFiltersDescr(stWaterprint &w)
+QString MediaWriter::getFiltersDescr(stWaterprint &w)
 {
     if (w.bText == 0) {
         if (w.bLogo != 1)
@@ -75,7 +75,7 @@ QString FFmpegApi::getFiltersDescr(stWaterprint &w)
              QString::number(w.x), QString::number(w.y), colour(w.fontColor));
 }
 
-int FFmpegApi::initFilters(AVCodecContext *c)
+int MediaWriter::initFilters(AVCodecContext *c)
 {
     // A repeated call replaces the graph: the earlier one is freed, not lost.
     m_useFilter = false;
@@ -114,7 +114,7 @@ int FFmpegApi::initFilters(AVCodecContext *c)
     return 0;
 }
 
-int FFmpegApi::write_watermark(cv::Mat img)
+int MediaWriter::write_watermark(cv::Mat img)
 {
     // Without a graph there is nothing to feed.
     if (!m_useFilter || !buffersrc_ctx || !buffersink_ctx || !video_st.frame)

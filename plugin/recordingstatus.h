@@ -4,7 +4,9 @@
 #include <QString>
 #include <QtPlugin>
 
-#define FFMPEGPluginStatus_iid "com.kw.ffmpegplugin.status/1.0"
+// 1.1 added waitForRecordEnd after recordingStatus; the plugin still answers a host built
+// for 1.0, whose one slot comes first in the same place.
+#define FFMPEGPluginStatus_iid "com.kw.ffmpegplugin.status/1.1"
 
 // What the current recording (or the last one, once it has ended) has done so far.
 struct RecordingStatus {
@@ -76,6 +78,11 @@ class FFMPEGPluginStatus
 public:
     // Any thread, at any time; a copy taken at once, never waiting for the recording.
     virtual RecordingStatus recordingStatus() const = 0;
+    // Any host thread but the frame source's calls. Waits until no recording is requested
+    // and the last one has ended (its file finished, endUse called); msecs < 0 waits
+    // without a limit. True when it has ended, false when msecs passed first. A recording
+    // still wanted ends only by a stopRecord from another thread or by itself.
+    virtual bool waitForRecordEnd(int msecs) = 0;
 
 protected:
     ~FFMPEGPluginStatus() = default;

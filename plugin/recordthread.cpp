@@ -4,7 +4,7 @@
 #include "audio/audiocapturethread.h"
 #include "encode/ffmpegencode.h"
 #include "encode/videodatathread.h"
-#include "media/ffmpegapi.h"
+#include "media/mediawriter.h"
 #include "media/ffmpeglog.h"
 
 #include <QDateTime>
@@ -13,7 +13,9 @@
 #include <QDebug>
 #include <chrono>
 #include <cstdio>
+#include <malloc.h>
 #include <memory>
+#include <system_error>
 
 namespace {
 
@@ -83,7 +85,7 @@ private:
 
 // The pipeline objects of one session. Declared in this order so that an exception
 // unwinds capture, feeder, encoder: each destructor stops and joins its own thread.
-struct RecordThread::Session {
+struct Session {
     ComponentUse use;                 // the frame source; ended after the pipeline is gone
     uint64_t generation = 0;          // the startRecord this session answers
     std::unique_ptr<FFmpegEncode> encoder;
@@ -96,21 +98,71 @@ struct RecordThread::Session {
     long framesRefused = 0;           // camera frames of a type that cannot be recorded
     bool micLost = false;             // the sound ended before the stop
     std::chrono::steady_clock::time_point lastProgress; // when the status was last refreshed
+
+    // Takes the pipeline down: capture, feeder, encoder, each joining its own thread.
+    void tearDown()
+    {
+        capture.reset();
+        feeder.reset();
+        encoder.reset();
+    }
+};
+
+// The sessions, one after another, on the worker thread. It holds its own share of the
+// private state: a host may delete the instance from inside the frame source's calls.
+class SessionRunner
+{
+public:
+    explicit SessionRunner(std::shared_ptr<RecordThreadPrivate> state) : d(std::move(state)) {}
+    // Runs every session asked for until none is wanted.
+    void loop();
+
+private:
+    void runSession(Session &s, const RecordingSettings &settings);
+    bool openMicrophone(Session &s);
+    bool stillWanted(const Session &s) const;
+    void waitWhileIdle(const Session &s, bool paused, bool needsComponent);
+    void recordVideo(Session &s);
+    void startBehindFirstFrame(Session &s);
+    void stopVideo(Session &s);
+    void stopAfterFailedOpen(Session &s);
+    void recordAudioOnly(Session &s);
+    void answerStart(uint64_t generation, bool recording);
+    void answerLocked(uint64_t generation, bool recording);
+    bool waitForFrame(const Session &s, std::chrono::milliseconds period);
+    bool takeFrame(Session &s, cv::Mat &frame);
+    void publishProgress(Session &s, bool force);
+    void setState(RecordingStatus::State state);
+    void beginFinishing(Session &s);
+    void endStatus(Session &s);
+    bool shouldEnd(Session &s);
+
+    std::shared_ptr<RecordThreadPrivate> d;
 };
 
 RecordThread::RecordThread(QObject *parent)
     : QThread(parent)
-    , d(new RecordThreadPrivate)
+    , d(std::make_shared<RecordThreadPrivate>())
 {
     ffmpeglog::route();
 }
 
 RecordThread::~RecordThread()
 {
-    // Destroying a running QThread aborts the process: end the session first.
-    stopRecord();
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        d->wanted = 0;
+        d->controlCondition.notify_all();
+        // Deleted from inside a frame source call: the worker cannot wait for itself. This
+        // object's thread lets go of it at once, and the worker finishes the file on the
+        // state it shares, then ends.
+        if (d->worker == std::this_thread::get_id()) {
+            d->ownerGone = true;
+            d->endCondition.notify_all();
+        }
+    }
+    // Destroying a running QThread aborts the process: its run returns first.
     d->exit.join(this);
-    delete d;
 }
 
 void RecordThread::setPluginComponent(PluginComponent *component)
@@ -137,10 +189,12 @@ void RecordThread::startRecord()
     d->controlCondition.notify_all();
     if (d->threadActive)
         return; // the running thread takes this generation as soon as the last one ended
-    // The thread is past its last look at the mutex, if it still runs at all.
+    d->threadActive = true;
+    lock.unlock();
+    // Only the caller that set threadActive gets here. The last run may still be returning:
+    // joined without the mutex, which that run takes on its way out.
     d->exit.join(this);
     d->exit.reset();
-    d->threadActive = true;
     start(QThread::InheritPriority);
 }
 
@@ -258,14 +312,8 @@ bool RecordThread::waitForRecordStart(int msecs)
     return false; // superseded by newer generations before it was asked
 }
 
-RecordingStatus RecordThread::recordingStatus() const
-{
-    std::lock_guard<std::mutex> lock(d->mutex);
-    return d->status;
-}
-
 // Session thread.
-void RecordThread::setState(RecordingStatus::State state)
+void SessionRunner::setState(RecordingStatus::State state)
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     d->status.state = state;
@@ -273,7 +321,7 @@ void RecordThread::setState(RecordingStatus::State state)
 
 // Session thread: copies the writer's counters into the status, at most every
 // kProgressPeriod unless `force`. The encoder's lock is taken before, not under, the mutex.
-void RecordThread::publishProgress(Session &s, bool force)
+void SessionRunner::publishProgress(Session &s, bool force)
 {
     const auto now = std::chrono::steady_clock::now();
     if (!s.encoder || (!force && now - s.lastProgress < kProgressPeriod))
@@ -302,10 +350,10 @@ void RecordThread::publishProgress(Session &s, bool force)
 
 // Session thread: the recording must end by itself (the writer failed or stalled, or an
 // audio-only recording lost its microphone); the reason is kept.
-bool RecordThread::shouldEnd(Session &s)
+bool SessionRunner::shouldEnd(Session &s)
 {
     publishProgress(s, false);
-    if (!s.encoder || !s.encoder->hasFailed())
+    if (!s.encoder || !s.encoder->recordingFailed())
         return false;
     if (s.endReason.isEmpty())
         s.endReason = s.encoder->failure();
@@ -313,7 +361,7 @@ bool RecordThread::shouldEnd(Session &s)
 }
 
 // Session thread, before the file is finished: the host learns at once why it ends.
-void RecordThread::beginFinishing(Session &s)
+void SessionRunner::beginFinishing(Session &s)
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     d->status.state = RecordingStatus::State::Finishing;
@@ -321,7 +369,7 @@ void RecordThread::beginFinishing(Session &s)
 }
 
 // Session thread, once the file is finished: the final counters and why it ended.
-void RecordThread::endStatus(Session &s)
+void SessionRunner::endStatus(Session &s)
 {
     publishProgress(s, true);
     std::lock_guard<std::mutex> lock(d->mutex);
@@ -331,7 +379,7 @@ void RecordThread::endStatus(Session &s)
 }
 
 // Publishes the answer for `generation` and wakes every waiter; the caller holds the mutex.
-void RecordThread::answerLocked(uint64_t generation, bool recording)
+void SessionRunner::answerLocked(uint64_t generation, bool recording)
 {
     if (generation <= d->answered)
         return;
@@ -343,15 +391,68 @@ void RecordThread::answerLocked(uint64_t generation, bool recording)
 }
 
 // Session thread.
-void RecordThread::answerStart(uint64_t generation, bool recording)
+void SessionRunner::answerStart(uint64_t generation, bool recording)
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     d->recording = recording;
     answerLocked(generation, recording);
 }
 
+RecordingStatus RecordThread::recordingStatus() const
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    return d->status;
+}
+
+bool RecordThread::waitForRecordEnd(int msecs)
+{
+    std::unique_lock<std::mutex> lock(d->mutex);
+    const auto ended = [&] { return d->wanted == 0 && !d->threadActive; };
+    if (msecs < 0) {
+        d->endCondition.wait(lock, ended);
+        return true;
+    }
+    return d->endCondition.wait_for(lock, std::chrono::milliseconds(msecs), ended);
+}
+
 void RecordThread::run()
 {
+    // Its own share of the state: once the owner is gone, `d` is not read again.
+    const std::shared_ptr<RecordThreadPrivate> state = d;
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        state->workerDone = false;
+    }
+    std::thread worker;
+    try {
+        worker = std::thread([state] { SessionRunner(state).loop(); });
+    } catch (const std::system_error &e) {
+        // No thread to spare: the sessions run here, as safe as ever but for a deletion
+        // from inside the frame source's calls.
+        qWarning() << "cannot start the session thread, recording on the recorder's own:" << e.what();
+        SessionRunner(state).loop();
+        state->exit.markReturned();
+        return;
+    }
+    bool ownerGone = false;
+    {
+        std::unique_lock<std::mutex> lock(state->mutex);
+        state->endCondition.wait(lock, [&] { return state->workerDone || state->ownerGone; });
+        ownerGone = state->ownerGone;
+    }
+    if (ownerGone)
+        worker.detach(); // ends by itself; the code stays loaded (-z nodelete)
+    else
+        worker.join();
+    state->exit.markReturned();
+}
+
+void SessionRunner::loop()
+{
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        d->worker = std::this_thread::get_id();
+    }
     for (;;) {
         Session s;
         RecordingSettings settings;
@@ -362,13 +463,13 @@ void RecordThread::run()
                 answerLocked(d->requested, false);
             if (d->wanted == 0) {
                 d->threadActive = false;
+                d->workerDone = true;
+                d->worker = std::thread::id();
+                d->endCondition.notify_all();
                 break;
             }
             s.generation = d->wanted;
             settings = d->pending;
-        }
-        {
-            std::lock_guard<std::mutex> lock(d->mutex);
             d->status = RecordingStatus{};
             d->status.state = RecordingStatus::State::Starting;
             d->status.file = settings.filename;
@@ -383,8 +484,13 @@ void RecordThread::run()
             qWarning() << "recording session ended by an unknown exception";
             s.endReason = QStringLiteral("an internal error");
         }
-        s.encoder.reset();
+        // endUse comes after the whole pipeline is gone, however the session ended.
+        s.tearDown();
         s.use.end();
+        // The recording's threads freed their buffers into allocator arenas of their own,
+        // which glibc keeps; given back here, a host that records again and again does not
+        // hold the pictures of every earlier recording.
+        malloc_trim(0);
         endStatus(s);
         std::lock_guard<std::mutex> lock(d->mutex);
         d->recording = false;
@@ -394,17 +500,16 @@ void RecordThread::run()
         if (d->wanted == s.generation)
             d->wanted = 0;
     }
-    d->exit.markReturned();
 }
 
-bool RecordThread::stillWanted(const Session &s) const
+bool SessionRunner::stillWanted(const Session &s) const
 {
     return d->wanted.load() == s.generation;
 }
 
 // Waits for a change while there is nothing to take: a stop, a pause or resume, and for
 // a session that needs one, a frame source.
-void RecordThread::waitWhileIdle(const Session &s, bool paused, bool needsComponent)
+void SessionRunner::waitWhileIdle(const Session &s, bool paused, bool needsComponent)
 {
     std::unique_lock<std::mutex> lock(d->mutex);
     d->controlCondition.wait_for(lock, kIdleWait, [&] {
@@ -414,7 +519,7 @@ void RecordThread::waitWhileIdle(const Session &s, bool paused, bool needsCompon
 }
 
 // Opens the camera's microphone; false when it failed and the user has been told.
-bool RecordThread::openMicrophone(Session &s)
+bool SessionRunner::openMicrophone(Session &s)
 {
     s.capture = std::make_unique<AudiocaptureThread>(s.encoder.get());
     if (s.capture->open([&] { return !stillWanted(s); }))
@@ -429,7 +534,7 @@ bool RecordThread::openMicrophone(Session &s)
     return false;
 }
 
-void RecordThread::runSession(Session &s, const RecordingSettings &settings)
+void SessionRunner::runSession(Session &s, const RecordingSettings &settings)
 {
     d->recording = false;
     d->hasVideo = settings.video;
@@ -442,17 +547,6 @@ void RecordThread::runSession(Session &s, const RecordingSettings &settings)
     }
 
     s.use.adopt(d->component.load());
-    // endUse comes after the whole pipeline is gone.
-    struct Teardown {
-        Session &s;
-        ~Teardown()
-        {
-            s.capture.reset();
-            s.feeder.reset();
-            s.encoder.reset();
-            s.use.end();
-        }
-    } teardown{s};
     s.encoder = std::make_unique<FFmpegEncode>();
     const bool audio = settings.audio && openMicrophone(s);
     if (!audio && (!settings.video || !stillWanted(s))) {
@@ -480,7 +574,7 @@ void RecordThread::runSession(Session &s, const RecordingSettings &settings)
     // written must answer false to waitForRecordStart instead of a brief true.
     if (!encoder.waitForOpen()) {
         qDebug() << "record failed: the output file could not be opened";
-        s.endReason = encoder.hasFailed() ? encoder.failure()
+        s.endReason = encoder.recordingFailed() ? encoder.failure()
                                           : QStringLiteral("the output could not be opened");
         stopAfterFailedOpen(s);
         return;
@@ -514,7 +608,7 @@ static void startCapture(AudiocaptureThread &capture, FFmpegEncode &encoder)
 
 // Waits up to `period` for a stop, a pause or resume after a source had no frame ready;
 // false once the recording is no longer wanted.
-bool RecordThread::waitForFrame(const Session &s, std::chrono::milliseconds period)
+bool SessionRunner::waitForFrame(const Session &s, std::chrono::milliseconds period)
 {
     std::unique_lock<std::mutex> lock(d->mutex);
     const bool paused = d->paused;
@@ -526,7 +620,7 @@ bool RecordThread::waitForFrame(const Session &s, std::chrono::milliseconds peri
 // Asks the pinned source for a frame; true when `frame` holds one that can be recorded.
 // A frame of another pixel type is refused, counted and reported once per recording.
 // Throws what the source throws.
-bool RecordThread::takeFrame(Session &s, cv::Mat &frame)
+bool SessionRunner::takeFrame(Session &s, cv::Mat &frame)
 {
     if (!s.use.get()->getFrame(frame) || !frame.data || frame.dims <= 0 || frame.total() == 0)
         return false;
@@ -539,7 +633,7 @@ bool RecordThread::takeFrame(Session &s, cv::Mat &frame)
     return false;
 }
 
-void RecordThread::recordVideo(Session &s)
+void SessionRunner::recordVideo(Session &s)
 {
     s.feeder = std::make_unique<VideoDataThread>();
     VideoDataThread &feeder = *s.feeder;
@@ -596,7 +690,7 @@ void RecordThread::recordVideo(Session &s)
 }
 
 // Starts the capture and the feeder behind the first frame.
-void RecordThread::startBehindFirstFrame(Session &s)
+void SessionRunner::startBehindFirstFrame(Session &s)
 {
     FFmpegEncode &encoder = *s.encoder;
     // One origin for picture and sound: frame 0 is due now, and the sound is placed
@@ -604,7 +698,6 @@ void RecordThread::startBehindFirstFrame(Session &s)
     encoder.setTimelineOrigin(std::chrono::steady_clock::now());
     if (s.capture)
         startCapture(*s.capture, encoder);
-    encoder.startEncode();
     s.feeder->start(&encoder);
     s.feeder->waitForReady(kFeederStartTimeout);
 
@@ -626,7 +719,7 @@ static qint64 durationMs(qint64 start, qint64 end)
     return start == kNoDuration ? kNoDuration : end - start;
 }
 
-void RecordThread::stopVideo(Session &s)
+void SessionRunner::stopVideo(Session &s)
 {
     // Feeder, capture, encoder. The picture and the sound are told at the same moment, so
     // that they end together; both are joined before the encoder finishes the file.
@@ -655,15 +748,13 @@ void RecordThread::stopVideo(Session &s)
 }
 
 // The encoder could not open its output: take down what was started, record nothing.
-void RecordThread::stopAfterFailedOpen(Session &s)
+void SessionRunner::stopAfterFailedOpen(Session &s)
 {
-    s.capture.reset();
-    s.feeder.reset();
-    s.encoder.reset();
+    s.tearDown();
     answerStart(s.generation, false);
 }
 
-void RecordThread::recordAudioOnly(Session &s)
+void SessionRunner::recordAudioOnly(Session &s)
 {
     FFmpegEncode &encoder = *s.encoder;
     AudiocaptureThread &capture = *s.capture;

@@ -2,27 +2,41 @@
 #define RECORDTHREAD_H
 
 #include <QThread>
-#include <chrono>
-#include <opencv2/core/mat.hpp>
+#include <memory>
 
 #include "ffmpegplugin.h"
 #include "recordingstatus.h"
 
 class RecordThreadPrivate;
-struct RecordingSettings;
 
-// The plugin instance: keeps the recording settings, turns the host's calls into flags,
-// and runs one recording session per run of its own thread.
+// The status interface as a host built for its version 1.0 reaches it: the same first slot.
+class FFMPEGPluginStatusV1
+{
+public:
+    virtual RecordingStatus recordingStatus() const = 0;
+
+protected:
+    ~FFMPEGPluginStatusV1() = default;
+};
+Q_DECLARE_INTERFACE(FFMPEGPluginStatusV1, "com.kw.ffmpegplugin.status/1.0")
+
+// The plugin instance: keeps the recording settings and turns the host's calls into flags.
+// Its own thread lasts as long as the sessions asked for run back to back; the sessions
+// themselves run on a worker thread that shares the private state, so that a host may
+// delete the instance from inside the frame source's calls: the session then finishes its
+// file on its own and the worker ends without touching the deleted instance.
 // Every FFMPEGPlugin operation may be called from any host thread.
-class RecordThread : public QThread, public FFMPEGPlugin, public FFMPEGPluginStatus
+class RecordThread : public QThread, public FFMPEGPlugin, public FFMPEGPluginStatus,
+                     public FFMPEGPluginStatusV1
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID FFMPEGPlugin_iid FILE "recordthread.json")
-    Q_INTERFACES(FFMPEGPlugin FFMPEGPluginStatus)
+    Q_INTERFACES(FFMPEGPlugin FFMPEGPluginStatus FFMPEGPluginStatusV1)
 
 public:
     explicit RecordThread(QObject *parent = nullptr);
-    // Stops a session that still runs and waits for its thread.
+    // Stops a session that still runs. From a host thread it waits for the session; from
+    // inside a frame source call it lets the session end by itself.
     ~RecordThread() override;
 
     void setPluginComponent(PluginComponent *component) override;
@@ -44,32 +58,13 @@ public:
     void setVideoBitrate(unsigned int bitrate) override;
     bool waitForRecordStart(int msecs) override;
     RecordingStatus recordingStatus() const override;
+    bool waitForRecordEnd(int msecs) override;
 
 protected:
     void run() override;
 
 private:
-    struct Session;
-    void runSession(Session &s, const RecordingSettings &settings);
-    bool openMicrophone(Session &s);
-    bool stillWanted(const Session &s) const;
-    void waitWhileIdle(const Session &s, bool paused, bool needsComponent);
-    void recordVideo(Session &s);
-    void startBehindFirstFrame(Session &s);
-    void stopVideo(Session &s);
-    void stopAfterFailedOpen(Session &s);
-    void recordAudioOnly(Session &s);
-    void answerStart(uint64_t generation, bool recording);
-    void answerLocked(uint64_t generation, bool recording);
-    bool waitForFrame(const Session &s, std::chrono::milliseconds period);
-    bool takeFrame(Session &s, cv::Mat &frame);
-    void publishProgress(Session &s, bool force);
-    void setState(RecordingStatus::State state);
-    void beginFinishing(Session &s);
-    void endStatus(Session &s);
-    bool shouldEnd(Session &s);
-
-    RecordThreadPrivate *d;
+    std::shared_ptr<RecordThreadPrivate> d; // shared with the session worker
 };
 
 #endif // RECORDTHREAD_H

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 #include "media/threadexit.h"
@@ -63,6 +64,11 @@ public:
     // (generation, whether it recorded) of the last few answers, oldest first.
     std::deque<std::pair<uint64_t, bool>> answers;
     bool threadActive = false;   // the session thread runs or is about to run a session
+    std::thread::id worker;      // the thread the sessions (and the frame source) run on
+    bool workerDone = false;     // this run's worker has left its loop
+    bool ownerGone = false;      // the instance was deleted from the worker: it ends alone
+    // Woken when the worker leaves its loop or the owner is gone.
+    std::condition_variable endCondition;
 
     ThreadExit exit;             // joins the session thread visibly to the sanitizer
 };

@@ -75,18 +75,12 @@ int main(int argc, char **argv)
     }
     std::this_thread::sleep_for(std::chrono::seconds(3));
     recorder->stopRecord();
-    // The status interface is optional: a plugin without it is waited for as before.
-    const auto *status = qobject_cast<FFMPEGPluginStatus *>(loader.instance());
-    const auto ended = [&] {
-        if (!status)
-            return !recorder->isRecording();
-        const RecordingStatus::State s = status->recordingStatus().state;
-        return s == RecordingStatus::State::Finished || s == RecordingStatus::State::Failed;
-    };
-    while (!ended())
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (status)
-        std::printf("%s\n", qPrintable(status->recordingStatus().summary()));
+    auto *status = qobject_cast<FFMPEGPluginStatus *>(loader.instance());
+    if (!status || !status->waitForRecordEnd(30000)) {
+        std::fprintf(stderr, "the recording did not end\n");
+        return 1;
+    }
+    std::printf("%s\n", qPrintable(status->recordingStatus().summary()));
 
     int video = 0, audio = 0;
     if (!probe(out.toUtf8().constData(), video, audio)) {

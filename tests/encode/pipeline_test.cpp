@@ -58,7 +58,7 @@ protected:
     {
         const std::string out = testutil::captureStdout([&] {
             e.setRun(true);
-            ASSERT_TRUE(testutil::pollUntil([&] { return e.isEncodeOpen() || e.isFailed(); }, 20s)
+            ASSERT_TRUE(testutil::pollUntil([&] { return e.isEncodeOpen() || e.openFailed(); }, 20s)
                         && e.isEncodeOpen());
             body();
             e.setRun(false);
@@ -244,7 +244,7 @@ TEST_F(PipelineTest, AnErrorOnAWorkerThreadEndsTheRecordingWithItsReason)
         cv::Mat cube(3, sizes, CV_8UC3, cv::Scalar::all(9));
         feeder.setData(cube);
         feeder.start(&e);
-        EXPECT_TRUE(testutil::pollUntil([&] { return e.hasFailed(); }, 10s));
+        EXPECT_TRUE(testutil::pollUntil([&] { return e.recordingFailed(); }, 10s));
         feeder.stop();
     });
     EXPECT_TRUE(e.failure().startsWith(QStringLiteral("an internal error: "))) << qPrintable(e.failure());

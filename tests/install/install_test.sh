@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the built project into a temporary prefix, compiles a consumer of each installed
-# header on its own, builds the example host against the installed package and runs it:
+# header on its own, links and runs a host that calls into every installed header, builds
+# the example host against the installed package and runs it:
 # it records a clip with picture and sound from a simulated card and reads the status.
 # With RECORDER_OTHER_QT_BUILD naming a build for the other Qt major version, that build is
 # installed beside this one in the same prefix, its example host does the same with its
@@ -96,6 +97,22 @@ for header in "$prefix/include/$pcname"/*.h; do
     $(pkg-config --cflags "Qt${qt}Core" libavformat libavcodec) \
     || { echo "installed header $name does not compile on its own" >&2; exit 1; }
 done
+
+# The linked host names every installed header: a header added without a call here fails.
+for header in "$prefix/include/$pcname"/*.h; do
+  grep -q "#include <$(basename "$header")>" "$src/tests/install/linkhost.cpp" \
+    || fail "linkhost.cpp does not use the installed $(basename "$header")"
+done
+sanitizeFlags=()
+if [ -n "$sanitize" ]; then
+  sanitizeFlags=(-fsanitize="$sanitize")
+fi
+# shellcheck disable=SC2046
+g++ -std=c++17 -fPIC -Wall -Werror "${sanitizeFlags[@]}" "$src/tests/install/linkhost.cpp" -o "$work/linkhost" \
+  $(PKG_CONFIG_PATH="$pc" pkg-config --define-variable=prefix="$prefix" --cflags-only-I --libs-only-l "$pcname") \
+  $(pkg-config --cflags --libs "Qt${qt}Core") $(pkg-config --cflags libavformat libavcodec) "$plugin" -Wl,-rpath,"$(dirname "$plugin")" \
+  || fail "a host does not link against the installed headers and library"
+"$work/linkhost"
 
 record "$qt"
 

@@ -3,10 +3,15 @@
 // when a logging rule asks for them. (That nothing reaches standard error by default is
 // the demo host's test.)
 #include <QLoggingCategory>
+#include <QPluginLoader>
 #include <QRegularExpression>
 #include <gtest/gtest.h>
 
 #include <thread>
+
+extern "C" {
+#include <libavutil/log.h>
+}
 
 #include "simulatedmic.h"
 #include "support/loadedrecorder.h"
@@ -57,4 +62,35 @@ TEST(FfmpegLog, EncoderMessagesReachTheCategoryAtTheLevelsTheRulesTurnOn)
         EXPECT_EQ(debug.filter("[libx264 @").filter("frame=").size() >= 10, row.debug)
             << qPrintable(debug.join('\n'));
     }
+}
+
+// A host that reads its camera through FFmpeg too logs through FFmpeg after it unloaded
+// the plugin: the plugin's log callback must still be there to take the line.
+TEST(FfmpegLog, AHostLogsThroughFfmpegAfterUnloadingThePlugin)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            testutil::TempDir dir;
+            CyclingCamera camera({cv::Mat(120, 160, CV_8UC3, cv::Scalar(40, 90, 200))}, 50);
+            QPluginLoader loader(QStringLiteral(RECORDER_PLUGIN_PATH));
+            auto *rec = qobject_cast<FFMPEGPlugin *>(loader.instance());
+            if (!rec)
+                std::_Exit(2);
+            rec->setHasAudio(false);
+            rec->setPluginComponent(&camera);
+            rec->setFilename(QString::fromStdString(dir.file("unload.mp4")));
+            rec->vSetRecSize(160, 120);
+            rec->startRecord();
+            if (!rec->waitForRecordStart(20000))
+                std::_Exit(3);
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+            rec->stopRecord();
+            auto *status = qobject_cast<FFMPEGPluginStatus *>(loader.instance());
+            if (!status || !status->waitForRecordEnd(60000) || !loader.unload())
+                std::_Exit(4);
+            av_log(nullptr, AV_LOG_ERROR, "the host's own line\n");
+            std::_Exit(0);
+        },
+        ::testing::ExitedWithCode(0), "the host's own line");
 }

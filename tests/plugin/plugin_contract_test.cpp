@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "plugin/ffmpegplugin.h"
+#include "plugin/recordingstatus.h"
 #include "support/qtmessages.h"
 #include "support/testutil.h"
 
@@ -55,6 +56,18 @@ TEST_F(PluginTest, CastsAnswerTheInterfaceNamesAndNothingElse)
     EXPECT_EQ(byName, byIid);
     EXPECT_EQ(static_cast<FFMPEGPlugin *>(byName), recorder());
     EXPECT_EQ(instance->qt_metacast("PluginInterface"), nullptr);
+    // The status interface under its id, and under 1.0's for hosts built before
+    // waitForRecordEnd: the same first slot answers through both.
+    auto *status = static_cast<FFMPEGPluginStatus *>(instance->qt_metacast(FFMPEGPluginStatus_iid));
+    auto *status10 = static_cast<FFMPEGPluginStatus *>(instance->qt_metacast("com.kw.ffmpegplugin.status/1.0"));
+    ASSERT_NE(status, nullptr);
+    ASSERT_NE(status10, nullptr);
+    recorder()->setFilename(QStringLiteral("v1.mp4"));
+    recorder()->setHasVideo(false);
+    recorder()->setHasAudio(false);
+    recorder()->startRecord();
+    EXPECT_TRUE(status->waitForRecordEnd(10000));
+    EXPECT_EQ(status10->recordingStatus().file, QStringLiteral("v1.mp4"));
     EXPECT_EQ(instance->qt_metacast(nullptr), nullptr);
     EXPECT_NE(qobject_cast<QThread *>(instance), nullptr);
 }

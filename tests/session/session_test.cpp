@@ -427,6 +427,94 @@ TEST_F(SessionTest, DeletingTheInstanceRightAfterStopWaitsForTheSession)
     EXPECT_NE(readableOrAbsent(path("del.mp4")).video(), nullptr);
 }
 
+// A host may delete the instance from inside any of the frame source's calls: nothing
+// crashes, the session finishes its file by itself, endUse comes once, and no thread of
+// the session is left behind.
+TEST_F(SessionTest, DeletingTheInstanceFromInsideTheFrameSourceLetsTheSessionEndAlone)
+{
+    enum class At { BeginUse, GetFrame, EndUse };
+    const struct { const char *name; At at; bool filmed; } rows[] = {
+        {"beginUse", At::BeginUse, false}, {"getFrame", At::GetFrame, true}, {"endUse", At::EndUse, true}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        LoadedRecorder own{QStringLiteral(RECORDER_PLUGIN_PATH)};
+        ASSERT_TRUE(own.loaded()) << qPrintable(own.error());
+        QObject *instance = own.thread();
+        const int threadsBefore = testutil::threadCount();
+        // The camera deletes the instance as the row says, once.
+        std::atomic<bool> deleted{false};
+        const auto deleteOnce = [&] {
+            if (!deleted.exchange(true))
+                delete instance;
+        };
+        struct DeletingCamera : PluginComponent {
+            std::function<void(At)> call;
+            std::atomic<int> begins{0}, ends{0};
+            std::atomic<long> frames{0};
+            void beginUse() override { ++begins; call(At::BeginUse); }
+            bool getFrame(cv::Mat &frame) override
+            {
+                std::this_thread::sleep_for(10ms);
+                frame = marked(frames);
+                if (++frames == 10)
+                    call(At::GetFrame);
+                return true;
+            }
+            // Counted once the call is over: the test may then let the camera go.
+            void endUse() override { call(At::EndUse); ++ends; }
+        } cam;
+        cam.call = [&](At at) {
+            if (at == row.at)
+                deleteOnce();
+        };
+        const std::string file = path(std::string(row.name) + ".mp4");
+        own->setHasAudio(false);
+        own->vSetRecSize(160, 120);
+        own->setFps(20);
+        own->setPluginComponent(&cam);
+        own->setFilename(QString::fromStdString(file));
+        testutil::captureStdout([&] {
+            own->startRecord();
+            if (row.at == At::EndUse) {
+                ASSERT_TRUE(testutil::pollUntil([&] { return cam.frames > 10; }, 10s));
+                own->stopRecord();
+            }
+            ASSERT_TRUE(testutil::pollUntil([&] { return deleted && cam.ends == 1; }, 60s));
+            // The worker and everything it started leave the process.
+            EXPECT_TRUE(testutil::pollUntil([&] { return testutil::threadCount() <= threadsBefore; }, 10s));
+        });
+        EXPECT_EQ(cam.begins, 1);
+        EXPECT_EQ(cam.ends, 1);
+        const MediaFile f = readableOrAbsent(file);
+        if (row.filmed) {
+            EXPECT_FALSE(f.frames.empty());
+        }
+    }
+}
+
+// The host waits for the end with a time limit instead of spinning: the wait does not
+// answer before the file is complete and endUse has come.
+TEST_F(SessionTest, WaitingForTheEndAnswersOnceTheFileIsCompleteOrTheLimitPasses)
+{
+    ScriptedCamera cam([](long n) { return marked(n); });
+    auto *status = qobject_cast<FFMPEGPluginStatus *>(rec.thread());
+    ASSERT_NE(status, nullptr);
+    EXPECT_TRUE(status->waitForRecordEnd(0)); // nothing asked for yet
+    rec->setPluginComponent(&cam);
+    rec->setFilename(QString::fromStdString(path("end.mp4")));
+    testutil::captureStdout([&] {
+        rec->startRecord();
+        ASSERT_TRUE(rec->waitForRecordStart(30000));
+        EXPECT_FALSE(status->waitForRecordEnd(200)); // still recording: the limit passes
+        rec->stopRecord();
+        ASSERT_TRUE(status->waitForRecordEnd(60000));
+    });
+    EXPECT_FALSE(rec->isRecording());
+    EXPECT_EQ(cam.ends, 1);
+    EXPECT_EQ(status->recordingStatus().state, RecordingStatus::State::Finished);
+    EXPECT_GE(readableOrAbsent(path("end.mp4")).frames.size(), 2u);
+}
+
 // A "split into a new file" button: stop, a new name and start at once, again and again.
 // Each start must answer for its own session, also while the last one is still finishing
 // its file, and each file must exist with frames of its own.

@@ -12,6 +12,7 @@
 
 #include "media/ffmpegapi.h"
 #include "media/filtergraph.h"
+#include "media/mediawriter.h"
 #include "support/mediareader.h"
 #include "support/qtmessages.h"
 #include "support/testutil.h"
