@@ -1,4 +1,5 @@
 #include "frameconverter.h"
+#include "logcategories.h"
 
 #include <array>
 #include <cstdio>
@@ -149,18 +150,18 @@ AVFrame *FrameConverter::pooledFrame(int width, int height)
         pool = av_buffer_pool_init(bytes + AV_INPUT_BUFFER_PADDING_SIZE, nullptr);
         poolBytes = pool ? bytes : 0;
         if (!pool) {
-            std::fputs("cannot make the picture pool\n", stderr);
+            qCWarning(lcMedia, "cannot make the picture pool");
             return nullptr;
         }
     }
     AVFrame *frame = av_frame_alloc();
     if (!frame) {
-        std::fputs("cannot allocate a picture\n", stderr);
+        qCWarning(lcMedia, "cannot allocate a picture");
         return nullptr;
     }
     frame->buf[0] = av_buffer_pool_get(pool);
     if (!frame->buf[0]) {
-        std::fputs("cannot take a picture buffer from the pool\n", stderr);
+        qCWarning(lcMedia, "cannot take a picture buffer from the pool");
         av_frame_free(&frame);
         return nullptr;
     }
@@ -191,11 +192,11 @@ EncoderPicture FrameConverter::convert(const cv::Mat &img, int width, int height
     try {
         converted = convertPicture(img, frame, scratch);
     } catch (const std::exception &e) {
-        std::fprintf(stderr, "cannot convert the camera picture: %s\n", e.what());
+        qCWarning(lcMedia, "cannot convert the camera picture: %s", e.what());
         return nullptr;
     }
     if (!converted) {
-        std::fputs("cannot convert the camera picture\n", stderr);
+        qCWarning(lcMedia, "cannot convert the camera picture");
         return nullptr;
     }
     return picture;

@@ -17,6 +17,7 @@ extern "C" {
 #include "ffmpeglog.h"
 #include "filtergraph.h"
 #include "safefile.h"
+#include "logcategories.h"
 
 namespace {
 
@@ -82,7 +83,7 @@ void reportAvError(const char *what, int error)
 {
     char text[AV_ERROR_MAX_STRING_SIZE] = {0};
     av_strerror(error, text, sizeof text);
-    printf("%s: %s\n", what, text);
+    qCWarning(lcMedia, "%s: %s", what, text);
 }
 
 // The frame to encode: the picture converted to JPEG's format; -1 after a message.
@@ -130,7 +131,7 @@ int openJpeg(Snapshot &s, const char *name, int width, int height)
     s.ctx->pb = fd < 0 ? nullptr : safefile::openIo(fd);
     if (!s.ctx->pb) {
         printf("Couldn't open output file.");
-        printf(" (%s)\n", fd < 0 ? error.c_str() : "out of memory");
+        qCWarning(lcMedia, "cannot open a file for %s: %s", name, fd < 0 ? error.c_str() : "out of memory");
         return -1;
     }
     s.ctx->flags |= AVFMT_FLAG_CUSTOM_IO;
@@ -249,7 +250,7 @@ bool ownNameOrFree(const char *name)
     struct stat st;
     if (lstat(name, &st) != 0 || st.st_uid == geteuid())
         return true;
-    printf("cannot write %s: it belongs to another user\n", name);
+    qCWarning(lcMedia, "cannot write %s: it belongs to another user", name);
     return false;
 }
 
@@ -258,18 +259,18 @@ int publish(Snapshot &s, const char *name)
 {
     const int fd = safefile::fdOf(s.ctx->pb);
     if (fchmod(fd, safefile::publicMode()) != 0) {
-        printf("cannot write %s: %s\n", name, strerror(errno));
+        qCWarning(lcMedia, "cannot write %s: %s", name, strerror(errno));
         return -1;
     }
     const int closed = safefile::closeIo(&s.ctx->pb);
     if (closed < 0) {
         char text[AV_ERROR_MAX_STRING_SIZE] = {0};
         av_strerror(closed, text, sizeof text);
-        printf("cannot write %s: %s\n", name, text);
+        qCWarning(lcMedia, "cannot write %s: %s", name, text);
         return -1;
     }
     if (rename(s.temp.c_str(), name) != 0) {
-        printf("cannot write %s: %s\n", name, strerror(errno));
+        qCWarning(lcMedia, "cannot write %s: %s", name, strerror(errno));
         return -1;
     }
     s.temp.clear();
