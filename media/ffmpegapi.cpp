@@ -99,17 +99,6 @@ void configureAudio(AVCodecContext *c, AVStream *st, const AVCodec *codec, int a
     }
 }
 
-// The pixel layouts cameras and OpenCV pipelines hand over: 8-bit gray, BGR and BGRA.
-AVPixelFormat cameraPixelFormat(int cvType)
-{
-    switch (cvType) {
-    case CV_8UC1: return AV_PIX_FMT_GRAY8;
-    case CV_8UC3: return AV_PIX_FMT_BGR24;
-    case CV_8UC4: return AV_PIX_FMT_BGRA;
-    default: return AV_PIX_FMT_NONE;
-    }
-}
-
 } // namespace
 
 int recordingFps(long long fps)
@@ -156,11 +145,6 @@ int add_stream(OutputStream *ost, AVFormatContext *oc, const AVCodec **codec, AV
     if (oc->oformat->flags & AVFMT_GLOBALHEADER)
         c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     return 0;
-}
-
-bool isCameraFrameType(int cvType)
-{
-    return cameraPixelFormat(cvType) != AV_PIX_FMT_NONE;
 }
 
 int fill_yuv_image(AVFrame *frame, int width, int height, const cv::Mat &img,

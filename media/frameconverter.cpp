@@ -90,6 +90,11 @@ void freeFrame(const AVFrame *frame)
 
 } // namespace
 
+bool isCameraFrameType(int cvType)
+{
+    return cvType == CV_8UC1 || cvType == CV_8UC3 || cvType == CV_8UC4;
+}
+
 FrameConverter::~FrameConverter()
 {
     // Buffers still shared by queued pictures keep the pool alive until they return.
@@ -179,9 +184,7 @@ AVFrame *FrameConverter::pooledFrame(int width, int height)
 
 EncoderPicture FrameConverter::convert(const cv::Mat &img, int width, int height)
 {
-    const int type = img.type();
-    if (img.empty() || img.dims != 2 || (type != CV_8UC1 && type != CV_8UC3 && type != CV_8UC4)
-        || width <= 0 || height <= 0)
+    if (img.empty() || img.dims != 2 || !isCameraFrameType(img.type()) || width <= 0 || height <= 0)
         return nullptr;
     AVFrame *frame = pooledFrame(width, height);
     if (!frame)

@@ -6,6 +6,7 @@
 #include "encode/videodatathread.h"
 #include "media/mediawriter.h"
 #include "media/ffmpeglog.h"
+#include "media/frameconverter.h"
 #include "media/logcategories.h"
 
 #include <QDateTime>
