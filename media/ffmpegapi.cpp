@@ -381,8 +381,10 @@ int MediaWriter::openOutput(AVDictionary *options, int audioChannel, int audioSa
     // Muxers that open further files of their own (segments, playlists) reach local files
     // only.
     oc->protocol_whitelist = av_strdup("file");
-    if (!oc->protocol_whitelist)
+    if (!oc->protocol_whitelist) {
+        qCWarning(lcMedia, "cannot open %s: out of memory", m_filename);
         return -1;
+    }
 
     // A wanted stream whose container has no default codec of that kind is not made, and
     // the user is told rather than left with a file silently missing it.

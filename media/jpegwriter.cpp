@@ -90,8 +90,10 @@ void reportAvError(const char *what, int error)
 int prepareFrame(Snapshot &s, cv::Mat &img)
 {
     s.frame = av_frame_alloc();
-    if (!s.frame)
+    if (!s.frame) {
+        qCWarning(lcMedia, "cannot allocate the snapshot's picture");
         return -1;
+    }
     s.frame->format = kJpegFormat;
     s.frame->width = img.cols;
     s.frame->height = img.rows;
@@ -115,11 +117,11 @@ int prepareFrame(Snapshot &s, cv::Mat &img)
 int openJpeg(Snapshot &s, const char *name, int width, int height)
 {
     s.ctx = avformat_alloc_context();
-    if (!s.ctx)
+    s.ctx->oformat = s.ctx ? av_guess_format("mjpeg", nullptr, nullptr) : nullptr;
+    if (!s.ctx || !s.ctx->oformat) {
+        qCWarning(lcMedia, "cannot make the JPEG container");
         return -1;
-    s.ctx->oformat = av_guess_format("mjpeg", nullptr, nullptr);
-    if (!s.ctx->oformat)
-        return -1;
+    }
     // The names are fixed and the directory shared: the picture goes to a fresh file of
     // our own, renamed over the name at the end, so a link planted there is replaced,
     // never written through.
@@ -144,8 +146,10 @@ int openJpeg(Snapshot &s, const char *name, int width, int height)
         return -1;
     }
     s.codec = avcodec_alloc_context3(codec);
-    if (!s.codec)
+    if (!s.codec) {
+        qCWarning(lcMedia, "cannot allocate the JPEG encoder");
         return -1;
+    }
     s.codec->codec_type = AVMEDIA_TYPE_VIDEO;
     s.codec->pix_fmt = kJpegFormat;
     s.codec->width = width;
@@ -159,8 +163,10 @@ int openJpeg(Snapshot &s, const char *name, int width, int height)
         printf("Could not open codec.");
         return -1;
     }
-    if (avcodec_parameters_from_context(st->codecpar, s.codec) < 0)
+    if (avcodec_parameters_from_context(st->codecpar, s.codec) < 0) {
+        qCWarning(lcMedia, "cannot copy the JPEG parameters");
         return -1;
+    }
     if (avformat_write_header(s.ctx, nullptr) < 0) {
         puts("write header error");
         return -1;
@@ -201,8 +207,10 @@ int filterAndEncode(Snapshot &s)
         return -1;
     }
     s.filtered = av_frame_alloc();
-    if (!s.filtered)
+    if (!s.filtered) {
+        qCWarning(lcMedia, "cannot allocate the filtered picture");
         return -1;
+    }
     // A graph that gives no frame would leave a file with a header and a trailer only.
     const int got = av_buffersink_get_frame_flags(s.graph.sink(), s.filtered, 0);
     if (got < 0) {
@@ -210,8 +218,10 @@ int filterAndEncode(Snapshot &s)
         return -1;
     }
     s.fullRange = toJpegRange(s.filtered);
-    if (!s.fullRange)
+    if (!s.fullRange) {
+        qCWarning(lcMedia, "cannot convert the picture to JPEG's range");
         return -1;
+    }
     if (avcodec_send_frame(s.codec, s.fullRange) < 0) {
         printf("Encode Error.");
         return -1;
@@ -309,8 +319,10 @@ int saveJpeg(const JpegWriterKind &kind, cv::Mat &img, int n)
     if (ret < 0)
         return ret;
     s.packet = av_packet_alloc();
-    if (!s.packet || av_new_packet(s.packet, img.cols * img.rows * 3) < 0)
+    if (!s.packet || av_new_packet(s.packet, img.cols * img.rows * 3) < 0) {
+        qCWarning(lcMedia, "cannot allocate the JPEG packet");
         return -1;
+    }
     av_packet_unref(s.packet);
     const int encoded = filterAndEncode(s);
     if (encoded < 0)
