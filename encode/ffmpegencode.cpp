@@ -8,6 +8,7 @@
 
 #include "media/mediawriter.h"
 #include "soundtimeline.h"
+#include "media/logcategories.h"
 
 namespace {
 
@@ -260,14 +261,14 @@ long FFmpegEncode::droppedVideoFrames()
 void FFmpegEncode::logPeakQueues()
 {
     std::lock_guard<std::mutex> lock(queueMutex);
-    qDebug().noquote() << QStringLiteral("encoder: at most %1 video frames (%2 MiB) and %3 audio "
-                                         "blocks were queued")
+    qCInfo(lcEncode).noquote() << QStringLiteral("encoder: at most %1 video frames (%2 MiB) and %3 audio "
+                                                 "blocks were queued")
                               .arg(peakVideoQueued)
                               .arg(double(peakVideoQueuedBytes) / (1024 * 1024), 0, 'f', 1)
                               .arg(peakAudioQueued);
     if (droppedVideo > 0)
-        qWarning().noquote() << QStringLiteral("%1 video frames dropped: the encoder could not "
-                                               "keep up")
+        qCWarning(lcEncode).noquote() << QStringLiteral("%1 video frames dropped: the encoder could not "
+                                                        "keep up")
                                     .arg(droppedVideo);
 }
 
@@ -388,7 +389,7 @@ void FFmpegEncode::encode()
     // (Devices and protocol URLs are not files to look for.)
     if (!m_videoPath.startsWith(QLatin1String("/dev/"))
         && !m_videoPath.contains(QLatin1String("://")) && !QFileInfo::exists(m_videoPath))
-        qDebug().noquote() << QStringLiteral("record failed: the output file %1 no longer exists")
+        qCWarning(lcEncode).noquote() << QStringLiteral("record failed: the output file %1 no longer exists")
                                   .arg(m_videoPath);
     freeQueued();
     setState(kOver);

@@ -6,6 +6,7 @@
 
 #include "ffmpegencode.h"
 #include "frameschedule.h"
+#include "media/logcategories.h"
 
 namespace {
 
@@ -254,8 +255,8 @@ void VideoDataThread::feed()
     scaledPicture.reset();
     lastHanded.reset();
     nextDueNs.store(0, std::memory_order_relaxed);
-    qDebug().noquote() << QStringLiteral("video feeder: %1 frames handed over; %2 frames made up "
-                                         "after stalls, %3 not made up")
+    qCInfo(lcEncode).noquote() << QStringLiteral("video feeder: %1 frames handed over; %2 frames made up "
+                                                 "after stalls, %3 not made up")
                               .arg(handed)
                               .arg(schedule.madeUp())
                               .arg(schedule.notMadeUp());

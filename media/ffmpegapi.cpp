@@ -11,6 +11,7 @@
 #include "periodicsync.h"
 #include "safefile.h"
 #include "inplacemp4.h"
+#include "logcategories.h"
 
 extern "C" {
 #include <libavutil/audio_fifo.h>
@@ -98,17 +99,6 @@ void configureAudio(AVCodecContext *c, AVStream *st, const AVCodec *codec, int a
     }
 }
 
-// The pixel layouts cameras and OpenCV pipelines hand over: 8-bit gray, BGR and BGRA.
-AVPixelFormat cameraPixelFormat(int cvType)
-{
-    switch (cvType) {
-    case CV_8UC1: return AV_PIX_FMT_GRAY8;
-    case CV_8UC3: return AV_PIX_FMT_BGR24;
-    case CV_8UC4: return AV_PIX_FMT_BGRA;
-    default: return AV_PIX_FMT_NONE;
-    }
-}
-
 } // namespace
 
 int recordingFps(long long fps)
@@ -155,11 +145,6 @@ int add_stream(OutputStream *ost, AVFormatContext *oc, const AVCodec **codec, AV
     if (oc->oformat->flags & AVFMT_GLOBALHEADER)
         c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     return 0;
-}
-
-bool isCameraFrameType(int cvType)
-{
-    return cameraPixelFormat(cvType) != AV_PIX_FMT_NONE;
 }
 
 int fill_yuv_image(AVFrame *frame, int width, int height, const cv::Mat &img,
@@ -250,7 +235,7 @@ static int openVideo(OutputStream *ost, const AVCodec *codec, AVDictionary *opti
         return -1;
     }
     if (avcodec_parameters_from_context(ost->st->codecpar, ost->enc) < 0) {
-        puts("copy video parameters failed");
+        qCWarning(lcMedia, "cannot copy the video parameters");
         return -1;
     }
     return 0;
@@ -277,21 +262,21 @@ int MediaWriter::openAudio(AVDictionary *options, int inputChannels)
     m_audioFrameSize = frameSize;
     ost->frame = alloc_audio_frame(c->sample_fmt, &c->ch_layout, c->sample_rate, frameSize);
     if (!ost->frame) {
-        puts("alloc audio frame failed");
+        qCWarning(lcMedia, "cannot allocate the sound frame");
         return -1;
     }
     printf("c->channels=%d\n", c->ch_layout.nb_channels);
     ost->fifo = av_audio_fifo_alloc(c->sample_fmt, c->ch_layout.nb_channels, 2 * frameSize);
     if (!ost->fifo) {
-        puts("alloc audio fifo failed");
+        qCWarning(lcMedia, "cannot allocate the sound queue");
         return -1;
     }
     if (openResampler(inputChannels) < 0) {
-        puts("init resampler failed");
+        qCWarning(lcMedia, "cannot set up the sound conversion");
         return -1;
     }
     if (avcodec_parameters_from_context(ost->st->codecpar, c) < 0) {
-        puts("copy audio parameters failed");
+        qCWarning(lcMedia, "cannot copy the sound parameters");
         return -1;
     }
     return 0;
@@ -362,12 +347,14 @@ int MediaWriter::openFile()
     std::string error;
     const int fd = safefile::createOutput(m_path, m_stopRequested, safefile::kOpenTimeout, &error);
     if (fd < 0) {
-        printf("cannot open :%s\n(%s)\n", m_filename, error.c_str());
+        printf("cannot open :%s\n", m_filename);
+        qCWarning(lcMedia, "cannot open %s: %s", m_filename, error.c_str());
         return -1;
     }
     oc->pb = safefile::openIo(fd);
     if (!oc->pb) {
-        printf("cannot open :%s\n(out of memory)\n", m_filename);
+        printf("cannot open :%s\n", m_filename);
+        qCWarning(lcMedia, "cannot open %s: out of memory", m_filename);
         return -1;
     }
     return 0;
@@ -377,8 +364,9 @@ int MediaWriter::openOutput(AVDictionary *options, int audioChannel, int audioSa
 {
     const std::string protocol = safefile::protocolOf(m_path);
     if (!protocol.empty()) {
-        printf("cannot open :%s\n(only a local file can be recorded, not a %s: name)\n",
-               m_filename, protocol.c_str());
+        printf("cannot open :%s\n", m_filename);
+        qCWarning(lcMedia, "cannot open %s: only a local file can be recorded, not a %s: name",
+                  m_filename, protocol.c_str());
         return -1;
     }
     avformat_alloc_output_context2(&oc, nullptr, nullptr, m_filename);
@@ -393,21 +381,23 @@ int MediaWriter::openOutput(AVDictionary *options, int audioChannel, int audioSa
     // Muxers that open further files of their own (segments, playlists) reach local files
     // only.
     oc->protocol_whitelist = av_strdup("file");
-    if (!oc->protocol_whitelist)
+    if (!oc->protocol_whitelist) {
+        qCWarning(lcMedia, "cannot open %s: out of memory", m_filename);
         return -1;
+    }
 
     // A wanted stream whose container has no default codec of that kind is not made, and
     // the user is told rather than left with a file silently missing it.
     if (m_hasVideo && fmt->video_codec == AV_CODEC_ID_NONE) {
         m_hasVideo = false;
-        printf("the container %s cannot hold video: recording without it\n", fmt->name);
+        qCWarning(lcMedia, "the container %s cannot hold video: recording without it", fmt->name);
     }
     if (m_hasAudio && fmt->audio_codec == AV_CODEC_ID_NONE) {
         m_hasAudio = false;
-        printf("the container %s cannot hold sound: recording without it\n", fmt->name);
+        qCWarning(lcMedia, "the container %s cannot hold sound: recording without it", fmt->name);
     }
     if (!m_hasVideo && !m_hasAudio) {
-        puts("nothing to record: no stream is wanted that the container can hold");
+        qCWarning(lcMedia, "nothing to record: no stream is wanted that the container can hold");
         return -1;
     }
     if (m_hasVideo
@@ -476,7 +466,7 @@ void MediaWriter::reportWriteError(const char *what, int error)
     m_writeError = error;
     char text[AV_ERROR_MAX_STRING_SIZE] = {0};
     av_strerror(error, text, sizeof text);
-    fprintf(stderr, "%s: %s (%s)\n", what, text, oc && oc->url ? oc->url : "output");
+    qCWarning(lcMedia, "%s: %s (%s)", what, text, oc && oc->url ? oc->url : "output");
 }
 
 // Sends one frame (null: drain) to the stream's encoder and writes every packet it gives.
@@ -567,12 +557,12 @@ int MediaWriter::write_video(const AVFrame *picture, int64_t pts)
         || picture->width != video_st.enc->width || picture->height != video_st.enc->height)
         return -1;
     if (!m_input && !(m_input = av_frame_alloc())) {
-        puts("cannot allocate the picture reference");
+        qCWarning(lcMedia, "cannot allocate the picture reference");
         return -1;
     }
     // A reference, not a copy: repeats of one picture share its pixels, each with its pts.
     if (av_frame_ref(m_input, picture) < 0) {
-        puts("cannot reference the picture");
+        qCWarning(lcMedia, "cannot reference the picture");
         return -1;
     }
     m_input->pts = std::max(pts, video_st.next_pts);
@@ -629,7 +619,7 @@ int MediaWriter::write_audio(const AudioBlock &block, int compensation)
         return -1; // the resampler was set up for another layout: it would misread it
     if (m_driftCorrection
         && swr_set_compensation(ost->swr_ctx, compensation, compensation ? block.frames : 0) < 0)
-        puts("cannot set the sound's compensation");
+        qCWarning(lcMedia, "cannot set the sound's compensation");
     const int capacity = swr_get_out_samples(ost->swr_ctx, block.frames);
     if (capacity < 0 || !reserveResamplerOutput(capacity))
         return -1;
@@ -653,7 +643,7 @@ bool MediaWriter::reserveResamplerOutput(int samples)
     ost->tmp_frame = alloc_audio_frame(ost->enc->sample_fmt, &ost->enc->ch_layout,
                                        ost->enc->sample_rate, samples);
     if (!ost->tmp_frame)
-        puts("alloc audio frame failed");
+        qCWarning(lcMedia, "cannot allocate the converted sound frame");
     return ost->tmp_frame != nullptr;
 }
 
@@ -777,12 +767,12 @@ void MediaWriter::finishFile()
     if (m_fragmented && m_writeMode == WriteMode::RecoverableThenStandard) {
         std::string error;
         if (!finishMp4InPlace(m_path, &error))
-            fprintf(stderr,
-                    "Could not finish %s as a standard MP4: %s. The fragmented file is kept; "
-                    "it plays as it is.\n",
-                    m_path.c_str(), error.c_str());
+            qCWarning(lcMedia,
+                      "Could not finish %s as a standard MP4: %s. The fragmented file is kept; "
+                      "it plays as it is.",
+                      m_path.c_str(), error.c_str());
         return;
     }
     if (const int err = syncPath(m_path))
-        fprintf(stderr, "Syncing %s to the disk failed: %s\n", m_path.c_str(), strerror(err));
+        qCWarning(lcMedia, "Syncing %s to the disk failed: %s", m_path.c_str(), strerror(err));
 }

@@ -1,4 +1,5 @@
 #include "frameconverter.h"
+#include "logcategories.h"
 
 #include <array>
 #include <cstdio>
@@ -89,6 +90,11 @@ void freeFrame(const AVFrame *frame)
 
 } // namespace
 
+bool isCameraFrameType(int cvType)
+{
+    return cvType == CV_8UC1 || cvType == CV_8UC3 || cvType == CV_8UC4;
+}
+
 FrameConverter::~FrameConverter()
 {
     // Buffers still shared by queued pictures keep the pool alive until they return.
@@ -149,18 +155,18 @@ AVFrame *FrameConverter::pooledFrame(int width, int height)
         pool = av_buffer_pool_init(bytes + AV_INPUT_BUFFER_PADDING_SIZE, nullptr);
         poolBytes = pool ? bytes : 0;
         if (!pool) {
-            std::fputs("cannot make the picture pool\n", stderr);
+            qCWarning(lcMedia, "cannot make the picture pool");
             return nullptr;
         }
     }
     AVFrame *frame = av_frame_alloc();
     if (!frame) {
-        std::fputs("cannot allocate a picture\n", stderr);
+        qCWarning(lcMedia, "cannot allocate a picture");
         return nullptr;
     }
     frame->buf[0] = av_buffer_pool_get(pool);
     if (!frame->buf[0]) {
-        std::fputs("cannot take a picture buffer from the pool\n", stderr);
+        qCWarning(lcMedia, "cannot take a picture buffer from the pool");
         av_frame_free(&frame);
         return nullptr;
     }
@@ -178,9 +184,7 @@ AVFrame *FrameConverter::pooledFrame(int width, int height)
 
 EncoderPicture FrameConverter::convert(const cv::Mat &img, int width, int height)
 {
-    const int type = img.type();
-    if (img.empty() || img.dims != 2 || (type != CV_8UC1 && type != CV_8UC3 && type != CV_8UC4)
-        || width <= 0 || height <= 0)
+    if (img.empty() || img.dims != 2 || !isCameraFrameType(img.type()) || width <= 0 || height <= 0)
         return nullptr;
     AVFrame *frame = pooledFrame(width, height);
     if (!frame)
@@ -191,11 +195,11 @@ EncoderPicture FrameConverter::convert(const cv::Mat &img, int width, int height
     try {
         converted = convertPicture(img, frame, scratch);
     } catch (const std::exception &e) {
-        std::fprintf(stderr, "cannot convert the camera picture: %s\n", e.what());
+        qCWarning(lcMedia, "cannot convert the camera picture: %s", e.what());
         return nullptr;
     }
     if (!converted) {
-        std::fputs("cannot convert the camera picture\n", stderr);
+        qCWarning(lcMedia, "cannot convert the camera picture");
         return nullptr;
     }
     return picture;

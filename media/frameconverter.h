@@ -13,6 +13,10 @@ extern "C" {
 struct AVBufferPool;
 struct AVCodecContext;
 
+// Whether a camera frame of this OpenCV type can be recorded: 8-bit gray, BGR or BGRA.
+// Any thread.
+bool isCameraFrameType(int cvType);
+
 // Declares on an encoder the colour every recorded picture is converted to.
 void declarePictureColour(AVCodecContext *c);
 

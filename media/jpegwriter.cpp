@@ -17,6 +17,7 @@ extern "C" {
 #include "ffmpeglog.h"
 #include "filtergraph.h"
 #include "safefile.h"
+#include "logcategories.h"
 
 namespace {
 
@@ -82,15 +83,17 @@ void reportAvError(const char *what, int error)
 {
     char text[AV_ERROR_MAX_STRING_SIZE] = {0};
     av_strerror(error, text, sizeof text);
-    printf("%s: %s\n", what, text);
+    qCWarning(lcMedia, "%s: %s", what, text);
 }
 
 // The frame to encode: the picture converted to JPEG's format; -1 after a message.
 int prepareFrame(Snapshot &s, cv::Mat &img)
 {
     s.frame = av_frame_alloc();
-    if (!s.frame)
+    if (!s.frame) {
+        qCWarning(lcMedia, "cannot allocate the snapshot's picture");
         return -1;
+    }
     s.frame->format = kJpegFormat;
     s.frame->width = img.cols;
     s.frame->height = img.rows;
@@ -114,11 +117,11 @@ int prepareFrame(Snapshot &s, cv::Mat &img)
 int openJpeg(Snapshot &s, const char *name, int width, int height)
 {
     s.ctx = avformat_alloc_context();
-    if (!s.ctx)
+    s.ctx->oformat = s.ctx ? av_guess_format("mjpeg", nullptr, nullptr) : nullptr;
+    if (!s.ctx || !s.ctx->oformat) {
+        qCWarning(lcMedia, "cannot make the JPEG container");
         return -1;
-    s.ctx->oformat = av_guess_format("mjpeg", nullptr, nullptr);
-    if (!s.ctx->oformat)
-        return -1;
+    }
     // The names are fixed and the directory shared: the picture goes to a fresh file of
     // our own, renamed over the name at the end, so a link planted there is replaced,
     // never written through.
@@ -130,7 +133,7 @@ int openJpeg(Snapshot &s, const char *name, int width, int height)
     s.ctx->pb = fd < 0 ? nullptr : safefile::openIo(fd);
     if (!s.ctx->pb) {
         printf("Couldn't open output file.");
-        printf(" (%s)\n", fd < 0 ? error.c_str() : "out of memory");
+        qCWarning(lcMedia, "cannot open a file for %s: %s", name, fd < 0 ? error.c_str() : "out of memory");
         return -1;
     }
     s.ctx->flags |= AVFMT_FLAG_CUSTOM_IO;
@@ -143,8 +146,10 @@ int openJpeg(Snapshot &s, const char *name, int width, int height)
         return -1;
     }
     s.codec = avcodec_alloc_context3(codec);
-    if (!s.codec)
+    if (!s.codec) {
+        qCWarning(lcMedia, "cannot allocate the JPEG encoder");
         return -1;
+    }
     s.codec->codec_type = AVMEDIA_TYPE_VIDEO;
     s.codec->pix_fmt = kJpegFormat;
     s.codec->width = width;
@@ -158,8 +163,10 @@ int openJpeg(Snapshot &s, const char *name, int width, int height)
         printf("Could not open codec.");
         return -1;
     }
-    if (avcodec_parameters_from_context(st->codecpar, s.codec) < 0)
+    if (avcodec_parameters_from_context(st->codecpar, s.codec) < 0) {
+        qCWarning(lcMedia, "cannot copy the JPEG parameters");
         return -1;
+    }
     if (avformat_write_header(s.ctx, nullptr) < 0) {
         puts("write header error");
         return -1;
@@ -200,8 +207,10 @@ int filterAndEncode(Snapshot &s)
         return -1;
     }
     s.filtered = av_frame_alloc();
-    if (!s.filtered)
+    if (!s.filtered) {
+        qCWarning(lcMedia, "cannot allocate the filtered picture");
         return -1;
+    }
     // A graph that gives no frame would leave a file with a header and a trailer only.
     const int got = av_buffersink_get_frame_flags(s.graph.sink(), s.filtered, 0);
     if (got < 0) {
@@ -209,8 +218,10 @@ int filterAndEncode(Snapshot &s)
         return -1;
     }
     s.fullRange = toJpegRange(s.filtered);
-    if (!s.fullRange)
+    if (!s.fullRange) {
+        qCWarning(lcMedia, "cannot convert the picture to JPEG's range");
         return -1;
+    }
     if (avcodec_send_frame(s.codec, s.fullRange) < 0) {
         printf("Encode Error.");
         return -1;
@@ -249,7 +260,7 @@ bool ownNameOrFree(const char *name)
     struct stat st;
     if (lstat(name, &st) != 0 || st.st_uid == geteuid())
         return true;
-    printf("cannot write %s: it belongs to another user\n", name);
+    qCWarning(lcMedia, "cannot write %s: it belongs to another user", name);
     return false;
 }
 
@@ -258,18 +269,18 @@ int publish(Snapshot &s, const char *name)
 {
     const int fd = safefile::fdOf(s.ctx->pb);
     if (fchmod(fd, safefile::publicMode()) != 0) {
-        printf("cannot write %s: %s\n", name, strerror(errno));
+        qCWarning(lcMedia, "cannot write %s: %s", name, strerror(errno));
         return -1;
     }
     const int closed = safefile::closeIo(&s.ctx->pb);
     if (closed < 0) {
         char text[AV_ERROR_MAX_STRING_SIZE] = {0};
         av_strerror(closed, text, sizeof text);
-        printf("cannot write %s: %s\n", name, text);
+        qCWarning(lcMedia, "cannot write %s: %s", name, text);
         return -1;
     }
     if (rename(s.temp.c_str(), name) != 0) {
-        printf("cannot write %s: %s\n", name, strerror(errno));
+        qCWarning(lcMedia, "cannot write %s: %s", name, strerror(errno));
         return -1;
     }
     s.temp.clear();
@@ -308,8 +319,10 @@ int saveJpeg(const JpegWriterKind &kind, cv::Mat &img, int n)
     if (ret < 0)
         return ret;
     s.packet = av_packet_alloc();
-    if (!s.packet || av_new_packet(s.packet, img.cols * img.rows * 3) < 0)
+    if (!s.packet || av_new_packet(s.packet, img.cols * img.rows * 3) < 0) {
+        qCWarning(lcMedia, "cannot allocate the JPEG packet");
         return -1;
+    }
     av_packet_unref(s.packet);
     const int encoded = filterAndEncode(s);
     if (encoded < 0)

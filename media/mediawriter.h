@@ -45,8 +45,6 @@ int recordingFps(long long fps);
 
 int add_stream(OutputStream *ost, AVFormatContext *oc, const AVCodec **codec, AVCodecID codec_id,
                int bitrate, int fps, int width, int height, int audioChannel, int sampleRate);
-// Whether a camera frame of this OpenCV type can be recorded: 8-bit gray, BGR or BGRA.
-bool isCameraFrameType(int cvType);
 // Converts the top-left width x height pixels of an 8-bit gray, BGR or BGRA Mat into
 // `frame` of that size, as the recording converts (frameconverter.h); 0, or -1 for another
 // type, size or format. `scratch` is the conversion's, kept from call to call.

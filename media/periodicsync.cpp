@@ -1,4 +1,5 @@
 #include "periodicsync.h"
+#include "logcategories.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -55,7 +56,7 @@ void PeriodicSync::run()
         // A failing disk fails every sync: told once, and the recording goes on.
         if (fdatasync(m_fd) != 0 && !reported) {
             reported = true;
-            fprintf(stderr, "Syncing %s to the disk failed: %s\n", m_path.c_str(), strerror(errno));
+            qCWarning(lcMedia, "Syncing %s to the disk failed: %s", m_path.c_str(), strerror(errno));
         }
         lock.lock();
     }

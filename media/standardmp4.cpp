@@ -10,6 +10,7 @@
 
 #include "periodicsync.h"
 #include "safefile.h"
+#include "logcategories.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -196,7 +197,7 @@ bool replaceOriginal(Rewrite &r)
     // bring back the fragmented file, which plays too: the rewrite stands, with a warning.
     const int err = syncPath(directoryOf(r.path));
     if (err != 0)
-        fprintf(stderr, "Syncing the directory of %s failed: %s\n", r.path.c_str(), strerror(err));
+        qCWarning(lcMedia, "Syncing the directory of %s failed: %s", r.path.c_str(), strerror(err));
     return true;
 }
 

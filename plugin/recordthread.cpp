@@ -6,6 +6,8 @@
 #include "encode/videodatathread.h"
 #include "media/mediawriter.h"
 #include "media/ffmpeglog.h"
+#include "media/frameconverter.h"
+#include "media/logcategories.h"
 
 #include <QDateTime>
 #include <QFileInfo>
@@ -429,7 +431,7 @@ void RecordThread::run()
     } catch (const std::system_error &e) {
         // No thread to spare: the sessions run here, as safe as ever but for a deletion
         // from inside the frame source's calls.
-        qWarning() << "cannot start the session thread, recording on the recorder's own:" << e.what();
+        qCWarning(lcPlugin, "cannot start the session thread, recording on the recorder's own: %s", e.what());
         SessionRunner(state).loop();
         state->exit.markReturned();
         return;
@@ -478,10 +480,10 @@ void SessionRunner::loop()
         try {
             runSession(s, settings);
         } catch (const std::exception &e) {
-            qWarning() << "recording session ended by an exception:" << e.what();
+            qCWarning(lcPlugin, "recording session ended by an exception: %s", e.what());
             s.endReason = QStringLiteral("an internal error: %1").arg(QString::fromUtf8(e.what()));
         } catch (...) {
-            qWarning() << "recording session ended by an unknown exception";
+            qCWarning(lcPlugin, "recording session ended by an unknown exception");
             s.endReason = QStringLiteral("an internal error");
         }
         // endUse comes after the whole pipeline is gone, however the session ended.
@@ -573,7 +575,7 @@ void SessionRunner::runSession(Session &s, const RecordingSettings &settings)
     // Announced once the output is open, not before: a recording whose file cannot be
     // written must answer false to waitForRecordStart instead of a brief true.
     if (!encoder.waitForOpen()) {
-        qDebug() << "record failed: the output file could not be opened";
+        qCWarning(lcPlugin, "record failed: the output file could not be opened");
         s.endReason = encoder.recordingFailed() ? encoder.failure()
                                           : QStringLiteral("the output could not be opened");
         stopAfterFailedOpen(s);
@@ -627,8 +629,8 @@ bool SessionRunner::takeFrame(Session &s, cv::Mat &frame)
     if (frame.dims == 2 && isCameraFrameType(frame.type()))
         return true;
     if (s.framesRefused++ == 0)
-        qWarning().noquote() << QStringLiteral("camera frames of OpenCV type %1 cannot be recorded: "
-                                               "they are refused (8-bit gray, BGR and BGRA are taken)")
+        qCWarning(lcPlugin).noquote() << QStringLiteral("camera frames of OpenCV type %1 cannot be recorded: "
+                                                        "they are refused (8-bit gray, BGR and BGRA are taken)")
                                     .arg(frame.type());
     return false;
 }
@@ -666,11 +668,11 @@ void SessionRunner::recordVideo(Session &s)
                 handed = takeFrame(s, frame);
             } catch (const std::exception &e) {
                 // The recording so far is kept: stop as if the host had asked to.
-                qWarning() << "getFrame threw, stopping the recording:" << e.what();
+                qCWarning(lcPlugin, "getFrame threw, stopping the recording: %s", e.what());
                 s.endReason = QStringLiteral("the frame source failed: %1").arg(QString::fromUtf8(e.what()));
                 break;
             } catch (...) {
-                qWarning() << "getFrame threw, stopping the recording";
+                qCWarning(lcPlugin, "getFrame threw, stopping the recording");
                 s.endReason = QStringLiteral("the frame source failed");
                 break;
             }

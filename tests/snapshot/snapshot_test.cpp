@@ -197,8 +197,9 @@ TEST(FixedFontText, IsDrawnWithTheFontFailsVisiblyWithoutItAndNeverWritesThrough
     // Public as the user's other files are; another user's file at the name is left alone.
     EXPECT_EQ(fs::status(jpeg).permissions() & ~fs::perms(0644), fs::perms::none);
     ASSERT_EQ(chown(jpeg.c_str(), 4242, 4242), 0);
-    const std::string printed = testutil::captureStdout([&] { EXPECT_EQ(FFmpegApi::SaveAsJPEG(kGrey, 5), -1); });
-    EXPECT_NE(printed.find("cannot write " + jpeg + ": it belongs to another user"), std::string::npos) << printed;
+    QtMessageCollector log;
+    testutil::captureStdout([&] { EXPECT_EQ(FFmpegApi::SaveAsJPEG(kGrey, 5), -1); });
+    EXPECT_EQ(log.count(QString::fromStdString("cannot write " + jpeg + ": it belongs to another user")), 1);
     fs::remove(jpeg);
 }
 
