@@ -1,7 +1,8 @@
 // The camera's microphone through real sound servers, each started here: PulseAudio, and
 // PipeWire with WirePlumber and pipewire-pulse. The camera's source is found beside a decoy
-// default microphone, shared with another client, timed against the picture; a server
-// that goes away costs the sound only.
+// default microphone and the monitor of the camera's own speaker, shared with another
+// client, timed against the picture; a server that goes away and comes back is waited
+// for, and the simulated card beside it never opened.
 #include <QCoreApplication>
 #include <QFile>
 #include <gtest/gtest.h>
@@ -12,6 +13,7 @@
 #include "support/lipsync.h"
 #include "support/loadedrecorder.h"
 #include "support/soundserver.h"
+#include "fakealsa.h"
 
 using namespace std::chrono_literals;
 
@@ -31,27 +33,41 @@ constexpr int kLoud = 3000; // reached only by a beep (or the decoy's tone)
 class SoundServerTest : public ::testing::TestWithParam<SoundServer::Kind>
 {
 protected:
-    // The camera's source beeping at `epoch` and every flash period after, and a decoy
-    // default microphone with a steady 3 kHz tone, for `seconds`.
+    // The server with the camera's speaker, whose monitor is listed first and bears the
+    // camera's names, the camera's microphone and a decoy default microphone; the camera's
+    // card beside it on the simulated hardware, for a recorder that would reach past it.
     void SetUp() override
     {
+        fakealsa::reset();
+        fakealsa::addCard("KW-08P USBCamera");
         server = std::make_unique<SoundServer>(GetParam());
         ASSERT_EQ(server->failure(), QString());
+        addSources();
+    }
+    void addSources()
+    {
+        ASSERT_TRUE(server->addSpeaker("camspeaker", "KW-08P USBCamera", "KW-08P USBCamera"));
         ASSERT_TRUE(server->addMicrophone("camfeed", "cammic", "KW-08P USBCamera", "KW-08P USBCamera Mono"));
         ASSERT_TRUE(server->addMicrophone("decoyfeed", "decoymic", "HDA Intel PCH", "Built-in Audio"));
         ASSERT_TRUE(server->run("pactl", {"set-default-source", "decoymic"}));
     }
+    // Plays into `sink` for `seconds`: beeps of `beepMs` every `periodMs` from `epoch`, or
+    // with `beepMs` 0 a steady tone.
+    void playInto(const QString &sink, Clock::time_point epoch, int periodMs, long beepMs, int hz, int seconds)
+    {
+        players.push_back(server->client(BEEPPLAYER_PATH, {sink, QString::number(epoch.time_since_epoch().count()),
+                                                           QString::number(periodMs), QString::number(beepMs),
+                                                           QString::number(hz), QString::number(seconds)}));
+        players.back()->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        players.back()->start();
+        ASSERT_TRUE(players.back()->waitForStarted());
+    }
+    // The camera's source beeping at `epoch` and every flash period after, and the decoy
+    // with a steady 3 kHz tone, for `seconds`.
     void play(Clock::time_point epoch, int seconds)
     {
-        const QString ns = QString::number(epoch.time_since_epoch().count()), length = QString::number(seconds);
-        for (const QStringList &args : {QStringList{"camfeed", ns, QString::number(kFlashEvery * 1000),
-                                                    QString::number(kBeepMs), "1000", length},
-                                        QStringList{"decoyfeed", ns, "1000", "0", "3000", length}}) {
-            players.push_back(server->client(BEEPPLAYER_PATH, args));
-            players.back()->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-            players.back()->start();
-            ASSERT_TRUE(players.back()->waitForStarted());
-        }
+        playInto("camfeed", epoch, int(kFlashEvery * 1000), kBeepMs, 1000, seconds);
+        playInto("decoyfeed", epoch, 1000, 0, 3000, seconds);
     }
     // Records `seconds` of the flashing camera into the file `name`, and reads it back;
     // `during` runs once recording.
@@ -117,19 +133,58 @@ TEST_P(SoundServerTest, TheCamerasSourceIsRecordedInStepAndSharedWithAnotherClie
     for (double offset : offsets)
         EXPECT_TRUE(offset >= -kPeriod && offset <= 2 * kPeriod) << "a pair " << offset * 1000 << " ms apart";
     EXPECT_NEAR(offsets.back(), offsets.front(), kPeriod);
+    EXPECT_TRUE(fakealsa::pcmOpenAttempts().empty());
 }
 
-TEST_P(SoundServerTest, AServerStoppedMidRecordingCostsTheSoundOnly)
+// Stopped five seconds in and back a second later with the camera's source: the sound is
+// silence meanwhile and the camera's tone again within two seconds of its return; the raw
+// device behind the server is never taken.
+TEST_P(SoundServerTest, AServerRestartedMidRecordingIsWaitedForNeverReachedPast)
 {
-    const auto epoch = Clock::now() + 1s;
-    play(epoch, 15);
-    const MediaFile f = record(epoch, "cut.mp4", 6, [&] {
-        std::this_thread::sleep_for(2500ms); // into the recording, not a synchronisation
+    constexpr double kSlice = 0.1; // seconds judged at a time
+    playInto("camfeed", Clock::now(), 1000, 0, 1000, 30);
+    double stoppedAt = 0, backAt = 0; // seconds after the recording started
+    const MediaFile f = record(Clock::now(), "restart.mp4", 12, [&] {
+        const auto t0 = Clock::now();
+        const auto since = [&] { return std::chrono::duration<double>(Clock::now() - t0).count(); };
+        std::this_thread::sleep_until(t0 + 5s); // into the recording, not a synchronisation
         server->stop();
+        stoppedAt = since();
+        std::this_thread::sleep_for(1s); // the server's time away
+        ASSERT_TRUE(server->restart()) << qPrintable(server->failure());
+        addSources();
+        playInto("camfeed", Clock::now(), 1000, 0, 1000, 30);
+        backAt = since();
     });
     ASSERT_TRUE(f.video() && f.audio());
-    EXPECT_GT(f.videoSeconds(), 5.0);
-    EXPECT_LT(f.audioSeconds(), 4.0);
+    EXPECT_NEAR(f.audioSeconds(), f.videoSeconds(), 0.5);
+    // Each slice: the camera's 1 kHz tone ('t'), quiet ('q'), higher sound such as the
+    // decoy's 3 kHz tone ('x'), or the tone starting or ending within it ('m').
+    const size_t slice = size_t(f.audioSampleRate * kSlice), ch = size_t(f.audioChannels);
+    std::string seen;
+    for (size_t at = 0; (at + slice) * ch <= f.samples.size(); at += slice) {
+        double energy = 0;
+        int crossings = 0;
+        for (size_t i = at; i < at + slice; ++i) {
+            energy += double(f.samples[i * ch]) * f.samples[i * ch];
+            crossings += i > at && (f.samples[i * ch] < 0) != (f.samples[(i - 1) * ch] < 0);
+        }
+        const bool loud = std::sqrt(energy / slice) > kLoud;
+        seen += !loud ? 'q' : crossings > 3000 * kSlice ? 'x' : std::abs(crossings - 2000 * kSlice) < 50 ? 't' : 'm';
+    }
+    SCOPED_TRACE(seen);
+    const auto at = [&](double seconds) { return size_t(seconds / kSlice); };
+    EXPECT_EQ(seen.find('x'), std::string::npos);
+    // The tone before the stop (once the stream has settled), a glitch of the player's aside.
+    const std::string before = seen.substr(at(2.5), at(stoppedAt - 0.5) - at(2.5));
+    EXPECT_GE(std::count(before.begin(), before.end(), 't'), long(before.size() * 9 / 10));
+    EXPECT_EQ(seen.substr(at(stoppedAt + 0.5), at(backAt - 0.3) - at(stoppedAt + 0.5)).find('t'), std::string::npos);
+    const size_t resumed = seen.find('t', at(stoppedAt + 0.5));
+    ASSERT_NE(resumed, std::string::npos);
+    EXPECT_LE(resumed * kSlice, backAt + 2.0);
+    // Back for good (the last slice is cut by the stop).
+    EXPECT_EQ(seen.substr(resumed, seen.size() - 1 - resumed).find('q'), std::string::npos);
+    EXPECT_TRUE(fakealsa::pcmOpenAttempts().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, SoundServerTest,
