@@ -464,8 +464,8 @@ TEST_F(SessionTest, StopRenameStartAtOnceGivesEveryFileItsOwnFrames)
     }
 }
 
-// A microphone that is missing, held by another program, unplugged or stalled costs the
-// sound, never the picture, a start within five seconds or a prompt stop.
+// A microphone that is missing or held by another program costs the sound, never the
+// picture, a start within five seconds or a prompt stop.
 TEST_F(SessionTest, AMicrophoneThatFailsCostsTheSoundOnly)
 {
     const struct {
