@@ -111,20 +111,25 @@ protected:
         EXPECT_TRUE(p->waitForStarted());
         return p;
     }
+    // A raw recording made by recordSource(), as far as it is written: mono at 48 kHz.
+    static MediaFile readRaw(const QString &raw)
+    {
+        MediaFile heard;
+        heard.audioSampleRate = 48000;
+        heard.audioChannels = 1;
+        QFile file(raw);
+        if (file.open(QIODevice::ReadOnly)) {
+            const QByteArray bytes = file.readAll();
+            const auto *s = reinterpret_cast<const int16_t *>(bytes.constData());
+            heard.samples.assign(s, s + bytes.size() / 2);
+        }
+        return heard;
+    }
     // Whether the camera's beeps in a raw recording of its source came whole and evenly
     // spaced: what the fixture played and the server carried, whatever the recorder did.
     static bool steadyBeeps(const QString &raw)
     {
-        QFile file(raw);
-        if (!file.open(QIODevice::ReadOnly))
-            return false;
-        const QByteArray bytes = file.readAll();
-        MediaFile heard;
-        heard.audioSampleRate = 48000;
-        heard.audioChannels = 1;
-        const auto *s = reinterpret_cast<const int16_t *>(bytes.constData());
-        heard.samples.assign(s, s + bytes.size() / 2);
-        const std::vector<double> beeps = beepOnsets(heard);
+        const std::vector<double> beeps = beepOnsets(readRaw(raw));
         if (beeps.size() < size_t(kSeconds / 2 - 2))
             return false;
         for (size_t i = 1; i < beeps.size(); ++i)
@@ -135,12 +140,8 @@ protected:
     // Whether a raw recording holds a loud sample yet.
     static bool loudIn(const QString &raw)
     {
-        QFile file(raw);
-        if (!file.open(QIODevice::ReadOnly))
-            return false;
-        const QByteArray bytes = file.readAll();
-        const auto *s = reinterpret_cast<const int16_t *>(bytes.constData());
-        return std::any_of(s, s + bytes.size() / 2, [](int16_t v) { return std::abs(v) >= kLoud; });
+        const std::vector<int16_t> s = readRaw(raw).samples;
+        return std::any_of(s.begin(), s.end(), [](int16_t v) { return std::abs(v) >= kLoud; });
     }
     void stopPlayers()
     {
