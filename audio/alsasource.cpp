@@ -24,6 +24,11 @@ constexpr unsigned int kWantedChannels = 1;
 // lets go of an idle device a few seconds after its last client.
 constexpr std::chrono::milliseconds kBusyFor{2000};
 constexpr std::chrono::milliseconds kBusyRetryPause{100};
+// Period and buffer asked of the device, microseconds: short periods so that sound comes
+// promptly and a wait ends soon after it; a buffer that rides out a quarter second of the
+// capture thread not being scheduled before anything is lost.
+constexpr unsigned int kPeriodUs = 10000;
+constexpr unsigned int kBufferUs = 250000;
 // Longest single wait for sound from the device: a stop is seen at least this often.
 constexpr int kReadWaitMs = 50;
 // A device that delivers nothing for this long is taken for gone.
@@ -164,6 +169,15 @@ bool configure(snd_pcm_t *pcm, int &rate, int &channels)
             printf("无法设置声道数(%s)\n", snd_strerror(err));
             break;
         }
+        unsigned int periodUs = kPeriodUs, bufferUs = kBufferUs;
+        if ((err = snd_pcm_hw_params_set_period_time_near(pcm, params, &periodUs, nullptr)) < 0) {
+            printf("无法设置周期 (%s)\n", snd_strerror(err));
+            break;
+        }
+        if ((err = snd_pcm_hw_params_set_buffer_time_near(pcm, params, &bufferUs, nullptr)) < 0) {
+            printf("无法设置缓冲区 (%s)\n", snd_strerror(err));
+            break;
+        }
         if ((err = snd_pcm_hw_params(pcm, params)) < 0) {
             printf("无法向驱动程序设置参数(%s)\n", snd_strerror(err));
             break;
@@ -291,14 +305,19 @@ CaptureSource::Read AlsaSource::read(std::vector<int16_t> &buffer, long maxFrame
         }
         if (got > 0) {
             buffer.resize(size_t(got) * size_t(m_channels));
-            return {Status::Data, long(got), steadySeconds()};
+            // The last frame read was captured before the frames still queued behind it.
+            const snd_pcm_sframes_t queued = snd_pcm_avail(m_pcm);
+            const double now = steadySeconds();
+            return {Status::Data, long(got), now - double(std::max<snd_pcm_sframes_t>(queued, 0)) / m_rate};
         }
         if (err < 0) {
             printf("从音频接口读取失败(%s)\n", snd_strerror(err));
             fflush(stdout);
-            // An overrun: the stream is prepared and started again, the sound lost meanwhile
-            // becomes silence.
-            if (err == -EPIPE && snd_pcm_prepare(m_pcm) >= 0 && snd_pcm_start(m_pcm) >= 0)
+            // An overrun or a suspend: the stream is recovered and started again, the sound
+            // lost meanwhile becomes silence. snd_pcm_recover waits out a sleeping machine
+            // a second at a time.
+            if ((err == -EPIPE || err == -ESTRPIPE) && snd_pcm_recover(m_pcm, err, 1) >= 0
+                && snd_pcm_start(m_pcm) >= 0)
                 return {Status::Gap};
             return {Status::Gone};
         }

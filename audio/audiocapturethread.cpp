@@ -23,9 +23,15 @@ namespace {
 
 // Card names tried after the configured one.
 const char *const kFallbackNames[] = {"kwvizdesk", "camera"};
-// Re-opens after the microphone went, and the pause between them (microseconds).
-constexpr int kReopenAttempts = 11;
-constexpr unsigned long kReopenPauseUs = 10;
+// A microphone that went is looked for this often for as long as the recording runs: a
+// USB device takes one to three seconds to come back, a sound server a few. A stop waits
+// for one look at most.
+constexpr std::chrono::milliseconds kReopenPause{500};
+
+double steadySeconds()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
 
 } // namespace
 
@@ -47,6 +53,16 @@ public:
     std::atomic<int> frameSize{1152};   // frames per read and per block; set before startRecord
     std::atomic<int> audioChannel{1};   // channels
     std::atomic<int> sampleRate{48000}; // Hz, as granted by the device
+    // The recording began through the sound server: a lost microphone is waited for
+    // there, never taken from under it on the raw device. Set by the first open().
+    bool serverPath = false;
+    bool opened = false;                // open() has succeeded once
+    // What the microphone's absences cost, written by the capture thread.
+    std::atomic<double> recordFrom{0};  // steady s at startRecord
+    std::atomic<long> missingFrames{0}; // frames it did not give (gone, overruns): silence
+    std::atomic<int> losses{0};         // times it went
+    std::atomic<double> lostAt{-1};     // steady s it last went; -1: never
+    std::atomic<double> backAt{-1};     // steady s it last came back; -1: not since
     QString soundCardName = QStringLiteral("KW-08P USBCamera"); // wanted card name
     // The open microphone, owned: set by open() before the thread starts, then used and
     // replaced by the capture thread only.
@@ -99,6 +115,7 @@ bool AudiocaptureThread::isOver() const { return d->bOver; }
 
 void AudiocaptureThread::startRecord()
 {
+    d->recordFrom = steadySeconds();
     {
         std::lock_guard<std::mutex> lock(d->controlMutex);
         d->bRecord = true;
@@ -116,6 +133,17 @@ void AudiocaptureThread::setSoundCardName(const QString &name) { d->soundCardNam
 
 QString AudiocaptureThread::snd_card_find(QString name) { return AlsaSource::findCard(name); }
 
+AudiocaptureThread::Outage AudiocaptureThread::outage() const
+{
+    Outage o;
+    o.losses = d->losses;
+    o.missingMs = d->missingFrames * 1000 / std::max(d->sampleRate.load(), 1);
+    const double from = d->recordFrom, lostAt = d->lostAt, backAt = d->backAt;
+    o.lostAt = lostAt < 0 ? -1 : std::max(0.0, lostAt - from);
+    o.backAt = backAt < 0 ? -1 : std::max(0.0, backAt - from);
+    return o;
+}
+
 bool AudiocaptureThread::open()
 {
     return open([] { return false; });
@@ -132,6 +160,7 @@ bool AudiocaptureThread::open(const std::function<bool()> &stopRequested)
 
 // The sound server first: it shares the microphone with every other program and serves
 // it even while another one records. The raw device is for machines without one.
+// Once a recording has its microphone, it keeps to the same path.
 bool AudiocaptureThread::openSource(const std::function<bool()> &stopRequested, QString *why)
 {
     QStringList names{d->soundCardName};
@@ -141,8 +170,11 @@ bool AudiocaptureThread::openSource(const std::function<bool()> &stopRequested, 
     d->source.reset();
     QString serverWhy, deviceWhy;
     auto server = std::make_unique<PulseSource>();
-    if (server->open(names, stopRequested, &serverWhy)) {
+    if ((!d->opened || d->serverPath) && server->open(names, stopRequested, &serverWhy)) {
         d->source = std::move(server);
+    } else if (d->opened && d->serverPath) {
+        *why = serverWhy;
+        return false;
     } else {
         server.reset();
         auto device = std::make_unique<AlsaSource>();
@@ -152,6 +184,9 @@ bool AudiocaptureThread::openSource(const std::function<bool()> &stopRequested, 
         }
         d->source = std::move(device);
     }
+    if (!d->opened)
+        d->serverPath = dynamic_cast<PulseSource *>(d->source.get()) != nullptr;
+    d->opened = true;
     d->sampleRate = d->source->rate();
     d->audioChannel = d->source->channels();
     return true;
@@ -179,19 +214,22 @@ void AudiocaptureThread::endAfterFailure()
     d->encode->endAudio();
 }
 
-// Re-opens the microphone after it went; false when it stays gone.
+// One look for the microphone that went, started; false while it stays gone.
 bool AudiocaptureThread::reopen()
 {
     QString why;
-    for (int attempt = 1; attempt <= kReopenAttempts && d->bRun; ++attempt) {
-        if (openSource([this] { return !d->bRun; }, &why))
-            return true;
-        if (attempt < kReopenAttempts)
-            QThread::usleep(kReopenPauseUs);
-    }
-    if (!why.isEmpty())
-        qWarning().noquote() << QStringLiteral("the camera's microphone did not come back: %1").arg(why);
+    if (openSource([this] { return !d->bRun; }, &why) && d->source->start())
+        return true;
+    d->source.reset();
     return false;
+}
+
+// Waits up to `pause` unless the thread is stopped first (false).
+bool AudiocaptureThread::pauseUnlessStopped(std::chrono::milliseconds pause)
+{
+    std::unique_lock<std::mutex> lock(d->controlMutex);
+    d->controlCondition.wait_for(lock, pause, [&] { return !d->bRun; });
+    return d->bRun;
 }
 
 // Waits until capture may begin (true) or the thread is stopped first (false).
@@ -218,25 +256,29 @@ void AudiocaptureThread::capture()
     const double halfBlock = 0.5 * frames / std::max(rate, 1);
     bool continues = false; // the next block follows the last one handed on
     int overruns = 0;
+    // Hands on the whole blocks cut; false once they pass the stop.
+    const auto handOn = [&] {
+        d->missingFrames = cutter.lostFrames();
+        while (cutter.hasBlock()) {
+            AudioBlock block = cutter.takeBlock();
+            const double stopAt = d->stopAtNs.load() / 1e9;
+            if (block.captureTime + double(frames) / rate - halfBlock > stopAt)
+                return false;
+            if (d->bPause) {
+                continues = false; // paused time is not recorded
+                continue;
+            }
+            block.continues = continues;
+            continues = true;
+            d->encode->addAudio(std::move(block));
+        }
+        return true;
+    };
     while (capturing && d->bRun) {
         const CaptureSource::Read got = d->source->read(readBuffer, frames, d->bRun);
         if (got.status == CaptureSource::Status::Data) {
             cutter.addRead(readBuffer.data(), got.frames, got.endTime);
-            while (cutter.hasBlock()) {
-                AudioBlock block = cutter.takeBlock();
-                const double stopAt = d->stopAtNs.load() / 1e9;
-                if (block.captureTime + double(frames) / rate - halfBlock > stopAt) {
-                    capturing = false;
-                    break;
-                }
-                if (d->bPause) {
-                    continues = false; // paused time is not recorded
-                    continue;
-                }
-                block.continues = continues;
-                continues = true;
-                d->encode->addAudio(std::move(block));
-            }
+            capturing = handOn();
             continue;
         }
         if (got.status == CaptureSource::Status::Stopped)
@@ -249,8 +291,23 @@ void AudiocaptureThread::capture()
         }
         d->source.reset();
         cutter.beginGap(true);
-        if (!d->bRun || !reopen() || !d->source->start())
+        d->lostAt = steadySeconds();
+        d->backAt = -1;
+        ++d->losses;
+        qWarning().noquote() << QStringLiteral("the camera's microphone went: silence is recorded "
+                                               "while it is looked for every %1 ms")
+                                    .arg(kReopenPause.count());
+        // Silence on the timeline while it is gone, handed on as time passes.
+        bool back = false;
+        while (capturing && d->bRun && !(back = reopen())) {
+            cutter.fillGap(steadySeconds());
+            capturing = handOn() && pauseUnlessStopped(kReopenPause);
+        }
+        if (!back)
             break;
+        d->backAt = steadySeconds();
+        qWarning().noquote() << QStringLiteral("the camera's microphone is back after %1 s")
+                                    .arg(d->backAt - d->lostAt, 0, 'f', 1);
         // The encoder was set up for the first source's layout: one that came back with
         // another would hand it blocks it would misread, so capture ends.
         if (d->audioChannel != channels || d->sampleRate != rate) {
@@ -264,6 +321,7 @@ void AudiocaptureThread::capture()
     }
 
     d->source.reset();
+    d->missingFrames = cutter.lostFrames();
     if (cutter.lostFrames() > 0)
         qWarning().noquote() << QStringLiteral("%1 ms of sound lost (%2 overruns): filled with "
                                                "silence")

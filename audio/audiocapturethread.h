@@ -3,6 +3,7 @@
 
 #include <QString>
 #include <QThread>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 
@@ -41,6 +42,15 @@ public:
     QString soundCardName() const;
     void setSoundCardName(const QString &name);
 
+    // What the microphone's absences have cost so far; any thread.
+    struct Outage {
+        int losses = 0;      // times it went
+        long missingMs = 0;  // sound it did not give (gone, overruns), recorded as silence
+        double lostAt = -1;  // seconds after startRecord it last went; -1: never
+        double backAt = -1;  // ...and came back; -1: not since
+    };
+    Outage outage() const;
+
 protected:
     void run() override;
 
@@ -51,6 +61,7 @@ private:
     bool waitForRecord();
     bool openSource(const std::function<bool()> &stopRequested, QString *why);
     bool reopen();
+    bool pauseUnlessStopped(std::chrono::milliseconds pause);
 
     AudiocaptureThreadPrivate *d;
 };

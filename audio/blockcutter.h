@@ -39,9 +39,25 @@ public:
     // The device stopped delivering (an overrun, or it is re-opened): sound resumes later.
     void beginGap(bool newDevice)
     {
-        m_gapFrom = m_clock.timeOfFrame(m_total);
+        // Before any sound the timeline has no place yet: the first block will set it.
+        m_gapFrom = m_total > 0 ? m_clock.timeOfFrame(m_total) : -1;
         if (newDevice)
             m_clock.reset(); // another device, another crystal
+    }
+    // The device is gone: silence up to steady time `t`, on the timeline, so that the
+    // sound goes on meanwhile (and never holds the picture back).
+    void fillGap(double t)
+    {
+        if (m_gapFrom < 0)
+            return;
+        const long lost = std::lround((t - m_gapFrom) * m_rate); // no card: the nominal rate
+        if (lost <= 0)
+            return;
+        m_pending.insert(m_pending.end(), size_t(lost) * m_channels, 0);
+        m_total += lost;
+        m_lostFrames += lost;
+        m_gapFrom += double(lost) / m_rate;
+        m_clock.add(m_gapFrom, m_total);
     }
     bool hasBlock() const { return m_pending.size() >= size_t(m_frames) * m_channels; }
     // The oldest whole block; hasBlock() must hold.

@@ -20,7 +20,7 @@ public:
         Data,    // frames delivered
         Stopped, // the stop request came first
         Gap,     // sound was lost (an overrun); the stream runs again
-        Gone,    // the microphone or the server went: re-open or give up
+        Gone,    // the microphone or the server went: it is looked for again
     };
     struct Read {
         Status status = Status::Stopped;

@@ -160,13 +160,17 @@ bool PulseSource::connectStream(const Candidate &source, const std::function<boo
         pa_stream_set_read_callback(m_stream, [](pa_stream *, size_t, void *self) {
             static_cast<PulseSource *>(self)->wake();
         }, this);
+        pa_stream_set_suspended_callback(m_stream, wakeUp, this);
         pa_buffer_attr attr;
         attr.maxlength = uint32_t(-1);
         attr.tlength = attr.prebuf = attr.minreq = uint32_t(-1);
         attr.fragsize = uint32_t(pa_usec_to_bytes(kFragmentUs, &format));
-        // Corked until start(): what came before the recording is not recorded.
+        // Corked until start(): what came before the recording is not recorded. Never
+        // moved: a camera source that goes ends the stream and is looked for again by its
+        // name, where the server would rescue the stream onto the default microphone.
         const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING
-                                             | PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_START_CORKED);
+                                             | PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_START_CORKED
+                                             | PA_STREAM_DONT_MOVE);
         ok = pa_stream_connect_record(m_stream, source.name.constData(), &attr, flags) >= 0;
     }
     if (ok) {
@@ -239,7 +243,7 @@ bool PulseSource::start()
 CaptureSource::Read PulseSource::read(std::vector<int16_t> &buffer, long, const std::atomic<bool> &run)
 {
     const size_t frameBytes = sizeof(int16_t) * size_t(m_channels);
-    const auto since = Clock::now();
+    auto since = Clock::now();
     for (;;) {
         if (!run)
             return {Status::Stopped};
@@ -249,9 +253,25 @@ CaptureSource::Read PulseSource::read(std::vector<int16_t> &buffer, long, const 
         if (!contextReady(m_context) || pa_stream_get_state(m_stream) != PA_STREAM_READY
             || pa_stream_peek(m_stream, &data, &bytes) < 0) {
             pa_threaded_mainloop_unlock(m_loop);
-            qWarning() << "the sound server went away: sound capture ends";
+            qWarning() << "the sound server or the camera's source went away";
             return {Status::Gone};
         }
+        // A suspended source delivers nothing until it resumes: a gap, not a loss.
+        if (bytes == 0 && pa_stream_is_suspended(m_stream) == 1) {
+            pa_threaded_mainloop_unlock(m_loop);
+            if (!m_suspended) {
+                m_suspended = true;
+                m_settledSince = -1;
+                qInfo() << "the camera's source is suspended: waiting for it";
+                return {Status::Gap};
+            }
+            since = Clock::now();
+            std::unique_lock<std::mutex> lock(m_wakeMutex);
+            m_woken.wait_for(lock, kReadWait, [&] { return m_wakeUp; });
+            m_wakeUp = false;
+            continue;
+        }
+        m_suspended = false;
         if (bytes > 0) {
             // The fragment's first frame was captured the stream's latency ago (which can
             // be negative). Until the latency has settled, and before the first timing
@@ -299,6 +319,7 @@ void PulseSource::close()
     if (m_stream) {
         pa_stream_set_state_callback(m_stream, nullptr, nullptr);
         pa_stream_set_read_callback(m_stream, nullptr, nullptr);
+        pa_stream_set_suspended_callback(m_stream, nullptr, nullptr);
         pa_stream_disconnect(m_stream);
         pa_stream_unref(m_stream);
         m_stream = nullptr;

@@ -49,6 +49,7 @@ private:
     int m_rate = 0;                         // Hz, the source's own
     int m_channels = 0;                     // the source's own
     double m_settledSince = -1;             // steady s since the latency reads settled; -1: not
+    bool m_suspended = false;               // the source was suspended at the last read
 
     // The server's thread tells the reader that something happened (sound, a state change).
     std::mutex m_wakeMutex;

@@ -40,6 +40,11 @@ constexpr int64_t kFragmentUs = 1000000;
 // cluster in memory until a packet comes more than this after its start: 999 closes one
 // at the first packet a second or more after it (times are whole milliseconds).
 constexpr int64_t kClusterMs = 999;
+// Longest span, microseconds, the muxer holds one stream's packets back waiting for the
+// other's: a stream that ended or went quiet (a lost microphone) costs the file at most
+// this much beyond its fragment, instead of the default ten seconds. Far above the sound's
+// normal lag behind the picture (tens of ms).
+constexpr int64_t kMaxInterleaveUs = 500000;
 // Pixels a second up to which the video encoder runs on one thread: 1920x1080 at 30 fps
 // (measured); above it one core may not keep up, and x264 chooses its threads.
 constexpr int64_t kOneThreadPixelRate = int64_t(1920) * 1080 * 30;
@@ -378,6 +383,7 @@ int MediaWriter::openOutput(AVDictionary *options, int audioChannel, int audioSa
         return -1;
     fmt = oc->oformat;
     oc->flags |= AVFMT_FLAG_CUSTOM_IO;
+    oc->max_interleave_delta = kMaxInterleaveUs;
     // Muxers that open further files of their own (segments, playlists) reach local files
     // only.
     oc->protocol_whitelist = av_strdup("file");

@@ -30,6 +30,9 @@ struct RecordingStatus {
     long framesRefused = 0;     // camera frames of a pixel type the recorder cannot take
     long soundLostMs = 0;       // sound that never reached the file (cut, or its microphone lost)
     long soundFilledMs = 0;     // silence written where the microphone gave nothing
+    int micLosses = 0;          // times the microphone went (it is looked for until the stop)
+    double micLostAt = -1;      // seconds into the recording it last went; -1: never
+    double micBackAt = -1;      // seconds into the recording it came back; -1: not since
     // Why the recording ended, as a short sentence ("stopped by the host", "the disk is
     // full", ...); empty while it runs.
     QString endReason;
@@ -64,6 +67,11 @@ struct RecordingStatus {
                            .arg(framesRefused)
                            .arg(soundLostMs)
                            .arg(soundFilledMs);
+        if (micLosses > 0)
+            line += micBackAt < 0 ? QStringLiteral("; microphone lost at %1 s").arg(micLostAt, 0, 'f', 1)
+                                  : QStringLiteral("; microphone lost at %1 s, back at %2 s")
+                                        .arg(micLostAt, 0, 'f', 1)
+                                        .arg(micBackAt, 0, 'f', 1);
         if (!endReason.isEmpty())
             line += QStringLiteral("; ended: ") + endReason;
         return line;

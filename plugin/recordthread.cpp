@@ -99,6 +99,7 @@ struct Session {
     QString endReason;                // why it ends; empty: the host stopped it
     long framesRefused = 0;           // camera frames of a type that cannot be recorded
     bool micLost = false;             // the sound ended before the stop
+    AudiocaptureThread::Outage outage; // the microphone's absences, as last seen
     std::chrono::steady_clock::time_point lastProgress; // when the status was last refreshed
 
     // Takes the pipeline down: capture, feeder, encoder, each joining its own thread.
@@ -332,7 +333,10 @@ void SessionRunner::publishProgress(Session &s, bool force)
     if (s.capture && !s.micLost && s.encoder->audioEnded())
         s.micLost = true;
     const FFmpegEncode::Progress p = s.encoder->progress();
-    long soundLostMs = p.soundLostMs;
+    if (s.capture)
+        s.outage = s.capture->outage();
+    // Sound the microphone did not give is recorded as silence: lost all the same.
+    long soundLostMs = p.soundLostMs + s.outage.missingMs;
     // Sound that never came (a microphone lost or stalled) leaves the sound shorter than the
     // picture by more than the last frame.
     const double shortBy = p.videoSeconds - p.audioSeconds - 1.0 / recordingFps(s.encoder->fps());
@@ -348,6 +352,9 @@ void SessionRunner::publishProgress(Session &s, bool force)
     st.framesRefused = s.framesRefused + p.framesRefused;
     st.soundLostMs = soundLostMs;
     st.soundFilledMs = p.soundFilledMs;
+    st.micLosses = s.outage.losses;
+    st.micLostAt = s.outage.lostAt;
+    st.micBackAt = s.outage.backAt;
 }
 
 // Session thread: the recording must end by itself (the writer failed or stalled, or an
@@ -601,6 +608,17 @@ void SessionRunner::runSession(Session &s, const RecordingSettings &settings)
         recordAudioOnly(s);
 }
 
+// Stops and deletes the capture, keeping what its microphone's absences cost.
+static void endCapture(std::unique_ptr<AudiocaptureThread> &capture, AudiocaptureThread::Outage &outage)
+{
+    if (!capture)
+        return;
+    capture->stopThread();
+    capture->wait();
+    outage = capture->outage();
+    capture.reset();
+}
+
 // Hands the capture the encoder's block size and lets it record.
 static void startCapture(AudiocaptureThread &capture, FFmpegEncode &encoder)
 {
@@ -729,7 +747,7 @@ void SessionRunner::stopVideo(Session &s)
     if (s.capture)
         s.capture->stopThread();
     s.feeder.reset();
-    s.capture.reset();
+    endCapture(s.capture, s.outage);
 
     s.endTime = nowMs();
     logTime(__LINE__, s.endTime);
@@ -780,7 +798,7 @@ void SessionRunner::recordAudioOnly(Session &s)
 
     s.endTime = nowMs();
     logTime(__LINE__, s.endTime);
-    s.capture.reset();
+    endCapture(s.capture, s.outage);
     if (!s.endReason.isEmpty())
         d->recording = false;
     beginFinishing(s);

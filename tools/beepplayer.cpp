@@ -4,10 +4,12 @@
 #include <pulse/error.h>
 #include <pulse/simple.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <vector>
 
 namespace {
@@ -16,6 +18,9 @@ constexpr unsigned kRate = 48000;
 constexpr unsigned kChunkFrames = kRate / 100; // written at a time, between latency looks
 constexpr unsigned kQueuedUs = 20000;          // kept queued in the server: a steady latency
 constexpr double kAmplitude = 12000;
+// Latency readings whose median dates the stream (a second of chunks): one reading wanders
+// by the server's graph cycle and more on a loaded machine, the stream's frames do not.
+constexpr size_t kAnchorReadings = 100;
 
 double steadyNow()
 {
@@ -43,10 +48,18 @@ int main(int argc, char **argv)
         return 1;
     }
     std::vector<short> chunk(kChunkFrames);
+    std::deque<double> anchors; // steady times the stream's frame 0 is heard at, as read
+    long long written = 0;      // frames
     while (!err && steadyNow() < until) {
-        // The next frame written is heard once what is queued has played.
+        // The next frame written is heard once what is queued has played: frame 0 was
+        // heard that long before, by every reading; their median stands.
         const pa_usec_t latency = pa_simple_get_latency(s, &err);
-        const double heardAt = steadyNow() + double(latency) / 1e6;
+        anchors.push_back(steadyNow() + double(latency) / 1e6 - double(written) / kRate);
+        if (anchors.size() > kAnchorReadings)
+            anchors.pop_front();
+        std::vector<double> sorted(anchors.begin(), anchors.end());
+        std::nth_element(sorted.begin(), sorted.begin() + sorted.size() / 2, sorted.end());
+        const double heardAt = sorted[sorted.size() / 2] + double(written) / kRate;
         for (unsigned i = 0; i < kChunkFrames; ++i) {
             const double t = heardAt + double(i) / kRate, into = std::fmod(t - epoch, period);
             const bool on = length <= 0 || (t >= epoch && into < length);
@@ -54,6 +67,7 @@ int main(int argc, char **argv)
         }
         if (!err)
             pa_simple_write(s, chunk.data(), chunk.size() * sizeof(short), &err);
+        written += kChunkFrames;
     }
     if (err)
         fprintf(stderr, "beepplayer: %s\n", pa_strerror(err));

@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <signal.h>
@@ -41,11 +42,16 @@ constexpr double kMostLost = 1.5;
 constexpr double kFramePeriod = 1.0 / 30;
 
 // Starts recording `file` at 640x480 through the loaded plugin from `camera` (of that
-// size) and the simulated microphone; false when it did not start.
-bool startRecording(LoadedRecorder &rec, SyntheticCamera &camera, const std::string &file)
+// size) and the simulated microphone, unplugged for good `unplugMs` after it starts (-1:
+// never); false when it did not start.
+bool startRecording(LoadedRecorder &rec, SyntheticCamera &camera, const std::string &file, long unplugMs = -1)
 {
     fakealsa::reset();
-    simulatedmic::addCameraMicrophone(48000, 1, 1000.0);
+    fakealsa::Capture mic;
+    mic.rates = {48000};
+    mic.channels = {1};
+    mic.unplugAfterMs = unplugMs;
+    fakealsa::addCard("KW-08P USBCamera", {}, mic);
     if (!rec.loaded())
         return false;
     rec->setPluginComponent(&camera);
@@ -64,7 +70,7 @@ int recordUntilKilled(int argc, char **argv)
     QCoreApplication app(argc, argv);
     SyntheticCamera camera(640, 480, 30);
     LoadedRecorder rec{QStringLiteral(RECORDER_PLUGIN_PATH)};
-    if (!startRecording(rec, camera, argv[2])) {
+    if (!startRecording(rec, camera, argv[2], argc > 3 ? std::atol(argv[3]) : -1)) {
         std::fprintf(stderr, "the recording did not start %s\n", qPrintable(rec.error()));
         return 1;
     }
@@ -96,13 +102,13 @@ void expectPlayable(const std::string &file, double killedAt)
     EXPECT_EQ(f.samples.size() - standard.samples.size(), 1024u * f.audioChannels);
 }
 
-// Runs the child on `file`, reads its output up to the start line, sleeps until `at`
-// seconds after it (the sleep is what is tested, not a synchronisation), kills it and
-// checks what it left.
-void recordKillAndCheck(const std::string &file, double at)
+// Runs the child on `file` (its microphone unplugged `unplugMs` in, -1: never), reads its
+// output up to the start line, sleeps until `at` seconds after it (the sleep is what is
+// tested, not a synchronisation), kills it and checks what it left.
+void recordKillAndCheck(const std::string &file, double at, long unplugMs = -1)
 {
     const std::string self = "/proc/" + std::to_string(getpid()) + "/exe"; // this program
-    FILE *child = popen(("exec " + self + " --record '" + file + "'").c_str(), "r");
+    FILE *child = popen(("exec " + self + " --record '" + file + "' " + std::to_string(unplugMs)).c_str(), "r");
     char line[512];
     int pid = 0;
     // A child that cannot start ends by itself (it waits 20 s at most for the recording).
@@ -137,6 +143,13 @@ TEST(KillTest, ARecordingKilledAtAnyMomentPlaysUpToJustBeforeTheKill)
     }
 }
 
+// A microphone lost for good never keeps the picture (or the sound's place) out of the file.
+TEST(KillTest, ARecordingKilledLongAfterItsMicrophoneWentPlaysUpToJustBeforeTheKill)
+{
+    testutil::TempDir dir;
+    recordKillAndCheck(dir.file("unplugged.mp4"), 8.0, 2000);
+}
+
 TEST(CleanStopTest, IsRecordingTurnsFalseOnlyOnceTheStandardFileIsInPlace)
 {
     testutil::TempDir dir;
@@ -157,7 +170,7 @@ TEST(CleanStopTest, IsRecordingTurnsFalseOnlyOnceTheStandardFileIsInPlace)
 
 int main(int argc, char **argv)
 {
-    if (argc == 3 && std::string(argv[1]) == "--record")
+    if ((argc == 3 || argc == 4) && std::string(argv[1]) == "--record")
         return recordUntilKilled(argc, argv);
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

@@ -19,13 +19,15 @@ using std::chrono::milliseconds;
 
 namespace {
 
-// The device's buffer: more unread frames than this is an overrun, as on a real card.
+// The device's buffer and period while the program sets none: more unread frames than the
+// buffer is an overrun, as on a real card; a wait returns once a period is readable.
 constexpr long kBufferMs = 1000;
-// A wait returns once this much is readable (a period); a blocked read looks at the
-// card at least this often.
-constexpr Seconds kPeriod{0.010};
+constexpr long kPeriodUs = 10000;
+// A blocked read or wait looks at the card at least this often.
+constexpr Seconds kPoll{0.010};
 
 struct Card {
+    int index = 0;                  // the ALSA index it has now
     std::string name;
     std::vector<fakealsa::Element> elements;
     fakealsa::Capture capture;      // busyOpens counts down
@@ -35,14 +37,16 @@ struct Card {
     unsigned int rate = 48000;      // Hz, of the stream that set the epoch
     int plugs = 0;                  // times it came back: handles opened before are dead
     Clock::time_point heldUntil{};  // another program holds the device until then
+    bool suspended = false;         // the planned suspend has come
 };
 
 // What reset() forgets. The counters are those of the functions of the same names.
 struct State {
     std::vector<Card> cards;
     std::vector<std::string> openAttempts;
-    int opens = 0, overruns = 0, blockedOpens = 0;
+    int opens = 0, overruns = 0, blockedOpens = 0, suspends = 0;
     long framesDelivered = 0, framesLost = 0;
+    long periodFrames = 0, bufferFrames = 0; // of the last stream set up
     std::optional<fakealsa::Beeps> beeps; // unset: steady tones
 };
 
@@ -66,6 +70,16 @@ struct Locked : std::lock_guard<std::mutex> {
     Model *operator->() const { return &theModel; }
 };
 
+// The index after every card's: a card added, or one replugged elsewhere, takes it. The
+// caller holds the model's mutex.
+int nextIndex()
+{
+    int next = 0;
+    for (const Card &c : theModel.cards)
+        next = std::max(next, c.index + 1);
+    return next;
+}
+
 // Whether the card is there now: it goes at its unplug time and comes back after its
 // replug time as a new device, with a clock of its own. The caller holds the model's mutex.
 bool present(Card &c)
@@ -79,7 +93,10 @@ bool present(Card &c)
         return false;
     c.clockStarted = false;
     c.capture.unplugAfterMs = -1;
+    c.suspended = false;
     ++c.plugs;
+    if (c.capture.replugElsewhere)
+        c.index = nextIndex();
     return true;
 }
 
@@ -98,9 +115,12 @@ long framesBy(const Card &c, Clock::time_point t)
 Card *cardNamed(const char *name)
 {
     int n = -1;
-    if (!name || std::sscanf(name, "hw:%d", &n) != 1 || n < 0 || n >= int(theModel.cards.size()))
+    if (!name || std::sscanf(name, "hw:%d", &n) != 1 || n < 0)
         return nullptr;
-    return present(theModel.cards[n]) ? &theModel.cards[n] : nullptr;
+    for (Card &c : theModel.cards)
+        if (present(c) && c.index == n)
+            return &c;
+    return nullptr;
 }
 
 // The element of `card` with `numid`, or null; the caller holds the model's mutex.
@@ -138,13 +158,13 @@ struct _snd_ctl_elem_list : std::vector<unsigned int> {};
 // The element of the numid set, as last read.
 struct _snd_ctl_elem_info : fakealsa::Element {};
 struct _snd_ctl_elem_value : fakealsa::Element {};
-// The rate (Hz) and channels asked for; 0: not set.
-struct _snd_pcm_hw_params { unsigned int rate = 0, channels = 0; };
+// The rate (Hz) and channels asked for, the period and buffer (microseconds); 0: not set.
+struct _snd_pcm_hw_params { unsigned int rate = 0, channels = 0, periodUs = 0, bufferUs = 0; };
 // A capture stream, with the parameters it was given.
 struct _snd_pcm : _snd_pcm_hw_params {
     int card = -1;
     int plugs = 0;                  // the card's plugs when opened
-    enum State { Prepared, Running, Overrun } state = Prepared;
+    enum State { Prepared, Running, Overrun, Suspended } state = Prepared;
     long readPos = -1;              // card frame of the next frame to deliver; -1: never ran
     Clock::time_point nextOverrun;  // when the next planned overrun comes
     Clock::time_point lossUntil;    // a restart before this delivers nothing up to it
@@ -163,11 +183,12 @@ void reset()
 
 int addCard(const std::string &name, const std::vector<Element> &elements, const Capture &capture)
 {
-    Card c{name, elements, capture};
+    Card c{0, name, elements, capture};
     for (Element &e : c.elements)
         e.values.resize(e.count, 0);
     c.heldUntil = capture.heldMs < 0 ? Clock::time_point::max() : Clock::now() + milliseconds(capture.heldMs);
     Locked m;
+    c.index = nextIndex();
     m->cards.push_back(c);
     return int(m->cards.size()) - 1;
 }
@@ -197,6 +218,17 @@ int pcmOpenHandles() { return Locked()->openHandles; }
 long framesDelivered() { return Locked()->framesDelivered; }
 int overruns() { return Locked()->overruns; }
 long framesLost() { return Locked()->framesLost; }
+int suspends() { return Locked()->suspends; }
+long lastPeriodFrames() { return Locked()->periodFrames; }
+long lastBufferFrames() { return Locked()->bufferFrames; }
+
+int cardIndex(int card)
+{
+    Locked m;
+    Card &c = m->cards.at(card);
+    present(c);
+    return c.index;
+}
 
 short sampleAt(long frame, int channel, unsigned int rate, double frequency)
 {
@@ -208,21 +240,53 @@ short sampleAt(long frame, int channel, unsigned int rate, double frequency)
 
 namespace {
 
-// Frames readable now, or a negative error (-ENODEV unplugged, -EPIPE overrun); the
-// caller holds the model's mutex.
+// The stream's buffer and period, frames.
+long bufferFrames(const snd_pcm_t *pcm)
+{
+    return pcm->bufferUs ? long(pcm->rate) * pcm->bufferUs / 1000000 : long(pcm->rate) * kBufferMs / 1000;
+}
+long periodFrames(const snd_pcm_t *pcm)
+{
+    return long(pcm->rate) * (pcm->periodUs ? pcm->periodUs : kPeriodUs) / 1000000;
+}
+
+// The stream overruns now; the caller holds the model's mutex.
+void overrun(snd_pcm_t *pcm, Clock::time_point lossUntil)
+{
+    pcm->state = _snd_pcm::Overrun;
+    pcm->lossUntil = lossUntil;
+    ++theModel.overruns;
+}
+
+// Whether the card's planned suspend has come by `now`; the caller holds the model's mutex.
+bool suspendedBy(Card &c, Clock::time_point now)
+{
+    if (!c.suspended && c.clockStarted && c.capture.suspendAfterMs >= 0
+        && now >= c.epoch + milliseconds(c.capture.suspendAfterMs)) {
+        c.suspended = true;
+        ++theModel.suspends;
+    }
+    return c.suspended && now < c.epoch + milliseconds(c.capture.suspendAfterMs + c.capture.suspendForMs);
+}
+
+// Frames readable now, or a negative error (-ENODEV unplugged, -EPIPE overrun, -ESTRPIPE
+// suspended); the caller holds the model's mutex.
 long availableNow(snd_pcm_t *pcm, Clock::time_point now)
 {
     Card &c = theModel.cards.at(pcm->card);
     if (!present(c) || c.plugs != pcm->plugs)
         return -ENODEV;
-    if (pcm->state != _snd_pcm::Running) // a read does not start the stream
+    if (pcm->state == _snd_pcm::Running && suspendedBy(c, now))
+        pcm->state = _snd_pcm::Suspended; // what it held is lost
+    if (pcm->state != _snd_pcm::Running) { // a read does not start the stream
+        if (pcm->state == _snd_pcm::Suspended)
+            return -ESTRPIPE;
         return pcm->state == _snd_pcm::Overrun ? -EPIPE : -EBADFD;
+    }
     const long avail = framesBy(c, now) - pcm->readPos;
-    const bool planned = c.capture.overrunEveryMs > 0 && now >= pcm->nextOverrun;
-    if (planned || avail > pcm->rate * kBufferMs / 1000) {
-        pcm->state = _snd_pcm::Overrun;
-        pcm->lossUntil = planned ? now + milliseconds(c.capture.overrunLossMs) : now;
-        ++theModel.overruns;
+    const bool planned = c.capture.overrunEveryMs > 0 && now >= pcm->nextOverrun && !c.capture.overrunMidRead;
+    if (planned || avail > bufferFrames(pcm)) {
+        overrun(pcm, planned ? now + milliseconds(c.capture.overrunLossMs) : now);
         return -EPIPE;
     }
     return std::max(avail, 0L);
@@ -240,7 +304,7 @@ long waitFor(std::unique_lock<std::mutex> &lock, snd_pcm_t *pcm, long frames,
             return avail;
         // When the missing frames are due, unless the card stalls or goes meanwhile.
         const Seconds due((frames - avail) / cardRate(theModel.cards.at(pcm->card)));
-        const auto wake = now + std::chrono::duration_cast<Clock::duration>(std::min(due, kPeriod));
+        const auto wake = now + std::chrono::duration_cast<Clock::duration>(std::min(due, kPoll));
         lock.unlock();
         std::this_thread::sleep_until(std::min(wake, deadline));
         lock.lock();
@@ -281,11 +345,11 @@ const char *snd_strerror(int errnum) { return strerror(std::abs(errnum)); }
 int snd_card_next(int *card)
 {
     Locked m;
-    const int cards = int(m->cards.size());
-    int i = *card + 1;
-    while (i < cards && !present(m->cards[i]))
-        ++i;
-    *card = i < cards ? i : -1;
+    int next = -1;
+    for (Card &c : m->cards)
+        if (present(c) && c.index > *card && (next < 0 || c.index < next))
+            next = c.index;
+    *card = next;
     return 0;
 }
 
@@ -431,18 +495,67 @@ int snd_pcm_hw_params_set_channels_near(snd_pcm_t *pcm, snd_pcm_hw_params_t *par
     return 0;
 }
 
+// Periods from 1 ms to a second, a buffer of two periods to two seconds: the nearest
+// granted, as a USB device does within its own limits.
+int snd_pcm_hw_params_set_period_time_near(snd_pcm_t *, snd_pcm_hw_params_t *params, unsigned int *val, int *)
+{
+    *val = params->periodUs = std::clamp(*val, 1000u, 1000000u);
+    return 0;
+}
+
+int snd_pcm_hw_params_set_buffer_time_near(snd_pcm_t *, snd_pcm_hw_params_t *params, unsigned int *val, int *)
+{
+    *val = params->bufferUs = std::clamp(*val, std::max(2 * params->periodUs, 2000u), 2000000u);
+    return 0;
+}
+
 int snd_pcm_hw_params(snd_pcm_t *pcm, snd_pcm_hw_params_t *params)
 {
     if (!params->rate || !params->channels)
         return -EINVAL;
     static_cast<_snd_pcm_hw_params &>(*pcm) = *params;
+    Locked m;
+    m->periodFrames = params->periodUs ? periodFrames(pcm) : 0;
+    m->bufferFrames = params->bufferUs ? bufferFrames(pcm) : 0;
     return 0;
 }
 
 int snd_pcm_prepare(snd_pcm_t *pcm)
 {
+    Locked m;
+    Card &c = m->cards.at(pcm->card);
+    if (!present(c) || c.plugs != pcm->plugs)
+        return -ENODEV;
     pcm->state = _snd_pcm::Prepared;
     return 0;
+}
+
+// A suspended stream resumes once the machine is awake, but this driver cannot resume it
+// in place (as many USB devices): the caller prepares it again.
+int snd_pcm_resume(snd_pcm_t *pcm)
+{
+    Locked m;
+    if (pcm->state != _snd_pcm::Suspended)
+        return -EBADFD;
+    return suspendedBy(m->cards.at(pcm->card), Clock::now()) ? -EAGAIN : -ENOSYS;
+}
+
+// As libasound's: an overrun is prepared; a suspend is resumed, waiting a second at a time
+// while the machine sleeps, and prepared when the driver cannot resume; others returned.
+int snd_pcm_recover(snd_pcm_t *pcm, int err, int /*silent*/)
+{
+    if (err > 0)
+        err = -err;
+    if (err == -EINTR)
+        return 0;
+    if (err == -EPIPE)
+        return snd_pcm_prepare(pcm);
+    if (err == -ESTRPIPE) {
+        while ((err = snd_pcm_resume(pcm)) == -EAGAIN)
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        return err < 0 ? snd_pcm_prepare(pcm) : 0;
+    }
+    return err;
 }
 
 int snd_pcm_start(snd_pcm_t *pcm)
@@ -474,11 +587,14 @@ snd_pcm_sframes_t snd_pcm_avail_update(snd_pcm_t *pcm)
     return availableNow(pcm, Clock::now());
 }
 
+// The same here: the model's position is always the hardware's.
+snd_pcm_sframes_t snd_pcm_avail(snd_pcm_t *pcm) { return snd_pcm_avail_update(pcm); }
+
 // 1 once a period is readable, 0 after `timeout` ms without, or a negative error.
 int snd_pcm_wait(snd_pcm_t *pcm, int timeout)
 {
     std::unique_lock<std::mutex> lock(theModel.mutex);
-    const long period = std::lround(pcm->rate * kPeriod.count());
+    const long period = periodFrames(pcm);
     const long avail = waitFor(lock, pcm, period, Clock::now() + milliseconds(timeout));
     return avail < 0 ? int(avail) : avail >= period;
 }
@@ -489,11 +605,16 @@ int snd_pcm_wait(snd_pcm_t *pcm, int timeout)
 snd_pcm_sframes_t snd_pcm_readi(snd_pcm_t *pcm, void *buffer, snd_pcm_uframes_t size)
 {
     std::unique_lock<std::mutex> lock(theModel.mutex);
-    const long frames = static_cast<long>(size);
+    long frames = static_cast<long>(size);
     const long avail = waitFor(lock, pcm, frames, Clock::time_point::max());
     if (avail < 0)
         return avail;
     const Card &c = theModel.cards.at(pcm->card);
+    // An overrun during the transfer: the frames before it are returned, the error later.
+    if (c.capture.overrunMidRead && c.capture.overrunEveryMs > 0 && Clock::now() >= pcm->nextOverrun) {
+        frames /= 2;
+        overrun(pcm, Clock::now() + milliseconds(c.capture.overrunLossMs));
+    }
     auto *out = static_cast<short *>(buffer);
     for (long f = 0; f < frames; ++f)
         for (unsigned int ch = 0; ch < pcm->channels; ++ch)

@@ -35,10 +35,18 @@ struct Capture {
     int openError = 0;           // every open fails with this (negative errno) if set
     long unplugAfterMs = -1;     // the card is unplugged this long after the epoch
     long replugAfterMs = -1;     // ...and back this long after it went (-1: never)
+    bool replugElsewhere = false; // ...at the next free index, as when another device
+                                  // took its old one meanwhile
     long stallAfterMs = -1;      // from this long after the epoch on, no frame comes (the
                                  // device stays open and reports no error)
     long overrunEveryMs = -1;    // an overrun (-EPIPE) every this long of a stream's capture...
     long overrunLossMs = 200;    // ...after which nothing is delivered for this long
+    bool overrunMidRead = false; // the planned overrun strikes inside a read: the read
+                                 // returns the frames before it, the next call -EPIPE
+    long suspendAfterMs = -1;    // the machine suspends this long after the epoch (a
+                                 // running stream reports -ESTRPIPE)...
+    long suspendForMs = 0;       // ...and wakes this long after: the driver cannot resume
+                                 // the stream in place (-ENOSYS), it is prepared again
 };
 
 // Beeps instead of a steady tone on every card: the signal is silent except for
@@ -53,7 +61,8 @@ void setBeeps(const Beeps &beeps);
 
 // Forgets the cards and the counters below (not the open handles).
 void reset();
-// Adds a card (index = cards added before); returns its index.
+// Adds a card at the next free index; returns its handle for the calls below (its index
+// until it is replugged elsewhere).
 int addCard(const std::string &name, const std::vector<Element> &elements = {}, const Capture &capture = {});
 // The other program lets go of the card's device now.
 void release(int card);
@@ -74,8 +83,16 @@ int pcmOpenHandles();
 long framesDelivered();
 // Overruns reported, all cards.
 int overruns();
-// Frames a restarted stream skipped (lost to overruns), all cards.
+// Frames a restarted stream skipped (lost to overruns or a suspend), all cards.
 long framesLost();
+// Suspends reported (-ESTRPIPE), all cards.
+int suspends();
+// The ALSA index the card has now (another after a replug elsewhere).
+int cardIndex(int card);
+// Period and buffer (frames) of the last stream whose parameters were applied; 0: the
+// device's own, not set.
+long lastPeriodFrames();
+long lastBufferFrames();
 
 // Sample of the steady tone at card frame `frame` of channel `channel`.
 short sampleAt(long frame, int channel, unsigned int rate, double frequency);

@@ -211,6 +211,30 @@ TEST(RecoverableTest, AFileBeingWrittenPlaysUpToAboutTheLastSecondAndAStopLeaves
     }
 }
 
+// Sound that stops (a microphone lost for good) never holds the picture back: what was
+// encoded after it is in the file within the fragment's second and the muxer's wait.
+TEST(RecoverableTest, PictureAfterTheSoundStoppedReachesTheFileBeingWritten)
+{
+    testutil::TempDir dir;
+    constexpr int kFps = 30, kSoundSeconds = 1, kSeconds = 6;
+    // A fragment or cluster (1 s), the muxer's wait for the silent stream (0.5 s), a frame.
+    constexpr double kMostMissing = 1.5 + 1.0 / kFps;
+    for (const char *ext : {"mp4", "mkv"}) {
+        SCOPED_TRACE(ext);
+        const std::string file = dir.file(std::string("stopped.") + ext);
+        FFmpegApi w;
+        const Content c{true, true, kFps, kSeconds * kFps, ext};
+        openWriter(w, file, c, WriteMode::RecoverableThenStandard);
+        writeContent(w, c, 0, kSoundSeconds * kFps);
+        writeContent(w, Content{true, false, kFps, 0, ext}, kSoundSeconds * kFps, kSeconds * kFps);
+        MediaFile f;
+        std::string err;
+        ASSERT_TRUE(readMediaFile(file, f, &err, false)) << err;
+        ASSERT_NE(f.video(), nullptr);
+        EXPECT_GE(f.video()->packetPts.size() / double(kFps), kSeconds - kMostMissing);
+        w.flush();
+    }
+}
 
 TEST(RecoverableTest, AFinishInPlaceDecodesAsTheCopyDidAlsoAfterACrash)
 {

@@ -28,6 +28,7 @@ bool writeFile(const QString &path, const QByteArray &text)
 } // namespace
 
 SoundServer::SoundServer(Kind kind)
+    : m_kind(kind)
 {
     const QString dir = QString::fromStdString(m_dir.path());
     m_env = QProcessEnvironment::systemEnvironment();
@@ -38,8 +39,28 @@ SoundServer::SoundServer(Kind kind)
     m_env.remove("DISPLAY");
     const QString socket = dir + (kind == Kind::PulseAudio ? "/native" : "/pulse/native");
     m_env.insert("PULSE_SERVER", "unix:" + socket);
+    if (start())
+        qputenv("PULSE_SERVER", m_env.value("PULSE_SERVER").toUtf8());
+}
+
+bool SoundServer::restart()
+{
+    stop();
+    m_daemons.clear();
+    m_failure.clear();
+    return start();
+}
+
+// Starts the daemons; stops them again unless the server answers.
+bool SoundServer::start()
+{
+    const QString dir = QString::fromStdString(m_dir.path());
+    const QString socket = m_env.value("PULSE_SERVER").mid(5);
+    // A socket left by the daemon stopped before is not the new one's.
+    QFile::remove(socket);
+    QFile::remove(dir + "/pipewire-0");
     bool started = false;
-    if (kind == Kind::PulseAudio) {
+    if (m_kind == Kind::PulseAudio) {
         const QString config = dir + "/server.pa";
         started = writeFile(config, "load-module module-native-protocol-unix auth-anonymous=1 socket=" + socket.toUtf8())
             && startDaemon("pulseaudio", {"--daemonize=no", "--exit-idle-time=-1", "-n", "-F", config}, socket);
@@ -51,12 +72,11 @@ SoundServer::SoundServer(Kind kind)
         started = started && startDaemon("pipewire", {}, dir + "/pipewire-0") && startDaemon("wireplumber", {}, "")
             && startDaemon("pipewire-pulse", {}, socket);
     }
-    if (started && !run("pactl", {"info"}))
+    if (started && !testutil::pollUntil([&] { return run("pactl", {"info"}); }, kStartTimeout))
         m_failure = "the server does not answer";
     if (!m_failure.isEmpty() || !started)
         stop();
-    else
-        qputenv("PULSE_SERVER", m_env.value("PULSE_SERVER").toUtf8());
+    return m_failure.isEmpty() && started;
 }
 
 SoundServer::~SoundServer()
@@ -115,6 +135,14 @@ bool SoundServer::run(const QString &program, const QStringList &arguments) cons
         p->kill();
     p->waitForFinished();
     return p->exitStatus() == QProcess::NormalExit && p->exitCode() == 0;
+}
+
+bool SoundServer::addSpeaker(const QString &sink, const QString &card, const QString &description)
+{
+    return run("pactl", {"load-module", "module-null-sink", "sink_name=" + sink, "rate=48000", "channels=1",
+                         "channel_map=mono",
+                         QString("sink_properties=\"device.description='%1' alsa.card_name='%2'\"")
+                             .arg(description, card)});
 }
 
 bool SoundServer::addMicrophone(const QString &sink, const QString &source, const QString &card,

@@ -22,16 +22,24 @@ public:
     QString failure() const { return m_failure; }
     bool running() const;
     void stop();
+    // Starts the daemons again after stop(), in the same runtime directory, with nothing
+    // loaded; false (and failure() says why) when the server does not answer.
+    bool restart();
     // A null sink `sink` whose monitor is remapped into the source `source`, which carries
     // the card name and description given: a microphone that a player feeds.
     bool addMicrophone(const QString &sink, const QString &source, const QString &card, const QString &description);
+    // A sink `sink` that looks like the camera's speaker: its monitor source (listed before
+    // every source added after it) carries the card name and description given.
+    bool addSpeaker(const QString &sink, const QString &card, const QString &description);
     // A process against the server (not started); run() starts it and waits for success.
     std::unique_ptr<QProcess> client(const QString &program, const QStringList &arguments) const;
     bool run(const QString &program, const QStringList &arguments) const;
 
 private:
+    bool start();
     bool startDaemon(const QString &program, const QStringList &arguments, const QString &socket);
 
+    const Kind m_kind;
     testutil::TempDir m_dir;                          // runtime, home and configuration
     QProcessEnvironment m_env;                        // of the daemons and clients
     std::vector<std::unique_ptr<QProcess>> m_daemons; // in start order
