@@ -9,7 +9,7 @@
 #include <cstring>
 #include <thread>
 
-Q_LOGGING_CATEGORY(lcMixer, "recorder.audio.mixer", QtWarningMsg)
+Q_LOGGING_CATEGORY(lcMixer, "kwrecorder.audio.mixer", QtWarningMsg)
 
 namespace {
 

@@ -17,6 +17,7 @@
 #include "audio/blockcutter.h"
 #include "audio/pulsesource.h"
 #include "encode/ffmpegencode.h"
+#include "media/logcategories.h"
 #include "media/threadexit.h"
 
 namespace {
@@ -154,7 +155,8 @@ bool AudiocaptureThread::open(const std::function<bool()> &stopRequested)
     QString why;
     if (openSource(stopRequested, &why))
         return true;
-    qWarning().noquote() << QStringLiteral("the camera's microphone is not recorded: %1").arg(why);
+    qCWarning(lcAudio()).noquote()
+        << QStringLiteral("the camera's microphone is not recorded: %1").arg(why);
     return false;
 }
 
@@ -198,10 +200,10 @@ void AudiocaptureThread::run()
     try {
         capture();
     } catch (const std::exception &e) {
-        qWarning() << "sound capture failed, recording goes on without sound:" << e.what();
+        qCWarning(lcAudio()) << "sound capture failed, recording goes on without sound:" << e.what();
         endAfterFailure();
     } catch (...) {
-        qWarning() << "sound capture failed, recording goes on without sound";
+        qCWarning(lcAudio()) << "sound capture failed, recording goes on without sound";
         endAfterFailure();
     }
     d->exit.markReturned();
@@ -294,9 +296,10 @@ void AudiocaptureThread::capture()
         d->lostAt = steadySeconds();
         d->backAt = -1;
         ++d->losses;
-        qWarning().noquote() << QStringLiteral("the camera's microphone went: silence is recorded "
-                                               "while it is looked for every %1 ms")
-                                    .arg(kReopenPause.count());
+        qCWarning(lcAudio()).noquote()
+            << QStringLiteral("the camera's microphone went: silence is recorded while it is "
+                              "looked for every %1 ms")
+                   .arg(kReopenPause.count());
         // Silence on the timeline while it is gone, handed on as time passes.
         bool back = false;
         while (capturing && d->bRun && !(back = reopen())) {
@@ -306,14 +309,16 @@ void AudiocaptureThread::capture()
         if (!back)
             break;
         d->backAt = steadySeconds();
-        qWarning().noquote() << QStringLiteral("the camera's microphone is back after %1 s")
-                                    .arg(d->backAt - d->lostAt, 0, 'f', 1);
+        qCWarning(lcAudio()).noquote()
+            << QStringLiteral("the camera's microphone is back after %1 s")
+                   .arg(d->backAt - d->lostAt, 0, 'f', 1);
         // The encoder was set up for the first source's layout: one that came back with
         // another would hand it blocks it would misread, so capture ends.
         if (d->audioChannel != channels || d->sampleRate != rate) {
-            printf("the microphone came back as %d channel(s) at %d Hz, not %d at %d: "
-                   "sound capture ends\n",
-                   d->audioChannel.load(), d->sampleRate.load(), channels, rate);
+            qCWarning(lcAudio()).noquote()
+                << QStringLiteral("the microphone came back as %1 channel(s) at %2 Hz, not %3 at "
+                                  "%4: sound capture ends")
+                       .arg(channels).arg(rate).arg(d->audioChannel.load()).arg(d->sampleRate.load());
             d->audioChannel = channels;
             d->sampleRate = rate;
             break;
@@ -323,12 +328,12 @@ void AudiocaptureThread::capture()
     d->source.reset();
     d->missingFrames = cutter.lostFrames();
     if (cutter.lostFrames() > 0)
-        qWarning().noquote() << QStringLiteral("%1 ms of sound lost (%2 overruns): filled with "
-                                               "silence")
-                                    .arg(cutter.lostFrames() * 1000 / std::max(rate, 1))
-                                    .arg(overruns);
+        qCWarning(lcAudio()).noquote()
+            << QStringLiteral("%1 ms of sound lost (%2 overruns): filled with silence")
+                   .arg(cutter.lostFrames() * 1000 / std::max(rate, 1))
+                   .arg(overruns);
     if (d->bRun && d->bRecord)
-        qDebug() << "the microphone stopped delivering: recording goes on without sound";
+        qCWarning(lcAudio()) << "the microphone stopped delivering: recording goes on without sound";
     d->bOver = true;
     // The writer stops keeping a place for sound that will not come.
     d->encode->endAudio();

@@ -1,5 +1,7 @@
 #include "audio/pulsesource.h"
 
+#include "media/logcategories.h"
+
 #include <QDebug>
 #include <pulse/pulseaudio.h>
 #include <chrono>
@@ -221,10 +223,11 @@ bool PulseSource::open(const QStringList &cardNames, const std::function<bool()>
         close();
         return false;
     }
-    qInfo().noquote() << QStringLiteral("recording the sound server's source %1 (%2), %3 Hz, %4 channel(s)")
-                             .arg(QString::fromUtf8(chosen->name), chosen->description)
-                             .arg(m_rate)
-                             .arg(m_channels);
+    qCInfo(lcAudio()).noquote()
+        << QStringLiteral("recording the sound server's source %1 (%2), %3 Hz, %4 channel(s)")
+               .arg(QString::fromUtf8(chosen->name), chosen->description)
+               .arg(m_rate)
+               .arg(m_channels);
     return true;
 }
 
@@ -236,7 +239,7 @@ bool PulseSource::start()
         pa_operation_unref(op);
     pa_threaded_mainloop_unlock(m_loop);
     if (!op)
-        qWarning() << "the sound server does not start the stream";
+        qCWarning(lcAudio()) << "the sound server does not start the stream";
     return op != nullptr;
 }
 
@@ -253,7 +256,7 @@ CaptureSource::Read PulseSource::read(std::vector<int16_t> &buffer, long, const 
         if (!contextReady(m_context) || pa_stream_get_state(m_stream) != PA_STREAM_READY
             || pa_stream_peek(m_stream, &data, &bytes) < 0) {
             pa_threaded_mainloop_unlock(m_loop);
-            qWarning() << "the sound server or the camera's source went away";
+            qCWarning(lcAudio()) << "the sound server or the camera's source went away";
             return {Status::Gone};
         }
         // A suspended source delivers nothing until it resumes: a gap, not a loss.
@@ -262,7 +265,7 @@ CaptureSource::Read PulseSource::read(std::vector<int16_t> &buffer, long, const 
             if (!m_suspended) {
                 m_suspended = true;
                 m_settledSince = -1;
-                qInfo() << "the camera's source is suspended: waiting for it";
+                qCInfo(lcAudio()) << "the camera's source is suspended: waiting for it";
                 return {Status::Gap};
             }
             since = Clock::now();
@@ -302,7 +305,7 @@ CaptureSource::Read PulseSource::read(std::vector<int16_t> &buffer, long, const 
         }
         pa_threaded_mainloop_unlock(m_loop);
         if (Clock::now() - since >= kStallLimit) {
-            qWarning() << "the sound server delivers nothing: sound capture ends";
+            qCWarning(lcAudio()) << "the sound server delivers nothing: sound capture ends";
             return {Status::Gone};
         }
         std::unique_lock<std::mutex> lock(m_wakeMutex);

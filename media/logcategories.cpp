@@ -27,3 +27,9 @@ const QLoggingCategory &lcPlugin()
     static const QLoggingCategory &category = keep("kwrecorder.plugin");
     return category;
 }
+
+const QLoggingCategory &lcAudio()
+{
+    static const QLoggingCategory &category = keep("kwrecorder.audio");
+    return category;
+}

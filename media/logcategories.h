@@ -11,5 +11,6 @@
 const QLoggingCategory &lcMedia();  // "kwrecorder.media": the writers, files, conversion
 const QLoggingCategory &lcEncode(); // "kwrecorder.encode": the encoder and its queues
 const QLoggingCategory &lcPlugin(); // "kwrecorder.plugin": the recorder and its sessions
+const QLoggingCategory &lcAudio();  // "kwrecorder.audio": the microphone's capture
 
 #endif // LOGCATEGORIES_H

@@ -94,7 +94,7 @@ TEST_F(CaptureTest, OnlyTheCamerasCaptureControlsAreRaisedAndTheDeviceGivesTheCh
     fakealsa::addCard("KW-08P USBCamera", {knob(2, "Mic Capture Volume", 2, 1, 16),
                       knob(3, "Capture Channel Map", 2, 3, 5), knob(4, "Mic Capture Switch", 1, 1, 1)}, four);
     QtMessageCollector log;
-    const auto listed = [&] { return log.messages("recorder.audio.mixer").filter("Mic Capture Volume").size(); };
+    const auto listed = [&] { return log.messages("kwrecorder.audio.mixer").filter("Mic Capture Volume").size(); };
     AudiocaptureThread cap(&encoder);
     testutil::captureStdout([&] { ASSERT_TRUE(cap.open()); });
     EXPECT_EQ(listed(), 0); // debug is off unless the host turns it on
@@ -104,7 +104,7 @@ TEST_F(CaptureTest, OnlyTheCamerasCaptureControlsAreRaisedAndTheDeviceGivesTheCh
     EXPECT_EQ(fakealsa::elementValues(1, 4), std::vector<long>{1});
     EXPECT_EQ(fakealsa::elementValues(0, 2), (std::vector<long>{0, 0}));
     EXPECT_EQ(fakealsa::elementValues(0, 5), std::vector<long>{0});
-    QLoggingCategory::setFilterRules(QStringLiteral("recorder.audio.mixer.debug=true"));
+    QLoggingCategory::setFilterRules(QStringLiteral("kwrecorder.audio.mixer.debug=true"));
     AudiocaptureThread again(&encoder);
     testutil::captureStdout([&] { ASSERT_TRUE(again.open()); });
     QLoggingCategory::setFilterRules(QString());
