@@ -413,6 +413,25 @@ RecordingStatus RecordThread::recordingStatus() const
     return d->status;
 }
 
+RecordingStatusV1 RecordThread::recordingStatusV1() const
+{
+    const RecordingStatus now = recordingStatus();
+    RecordingStatusV1 old;
+    old.state = now.state;
+    old.file = now.file;
+    old.video = now.video;
+    old.audio = now.audio;
+    old.seconds = now.seconds;
+    old.bytes = now.bytes;
+    old.framesWritten = now.framesWritten;
+    old.framesDropped = now.framesDropped;
+    old.framesRefused = now.framesRefused;
+    old.soundLostMs = now.soundLostMs;
+    old.soundFilledMs = now.soundFilledMs;
+    old.endReason = now.endReason;
+    return old;
+}
+
 bool RecordThread::waitForRecordEnd(int msecs)
 {
     std::unique_lock<std::mutex> lock(d->mutex);

@@ -9,11 +9,29 @@
 
 class RecordThreadPrivate;
 
-// The status interface as a host built for its version 1.0 reaches it: the same first slot.
+// The status record as version 1.0 laid it out, frozen: it is returned by value, so a host
+// built for 1.0 keeps room for exactly these members in this order.
+struct RecordingStatusV1 {
+    RecordingStatus::State state = RecordingStatus::State::Idle;
+    QString file;
+    bool video = false;
+    bool audio = false;
+    double seconds = 0;
+    qint64 bytes = 0;
+    long framesWritten = 0;
+    long framesDropped = 0;
+    long framesRefused = 0;
+    long soundLostMs = 0;
+    long soundFilledMs = 0;
+    QString endReason;
+};
+
+// The status interface as a host built for its version 1.0 reaches it: the same first slot
+// (the name is ours; a host calls the slot), answering with the 1.0 record.
 class FFMPEGPluginStatusV1
 {
 public:
-    virtual RecordingStatus recordingStatus() const = 0;
+    virtual RecordingStatusV1 recordingStatusV1() const = 0;
 
 protected:
     ~FFMPEGPluginStatusV1() = default;
@@ -58,6 +76,7 @@ public:
     void setVideoBitrate(unsigned int bitrate) override;
     bool waitForRecordStart(int msecs) override;
     RecordingStatus recordingStatus() const override;
+    RecordingStatusV1 recordingStatusV1() const override;
     bool waitForRecordEnd(int msecs) override;
 
 protected:
