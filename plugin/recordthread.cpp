@@ -415,21 +415,10 @@ RecordingStatus RecordThread::recordingStatus() const
 
 RecordingStatusV1 RecordThread::recordingStatusV1() const
 {
-    const RecordingStatus now = recordingStatus();
-    RecordingStatusV1 old;
-    old.state = now.state;
-    old.file = now.file;
-    old.video = now.video;
-    old.audio = now.audio;
-    old.seconds = now.seconds;
-    old.bytes = now.bytes;
-    old.framesWritten = now.framesWritten;
-    old.framesDropped = now.framesDropped;
-    old.framesRefused = now.framesRefused;
-    old.soundLostMs = now.soundLostMs;
-    old.soundFilledMs = now.soundFilledMs;
-    old.endReason = now.endReason;
-    return old;
+    const RecordingStatus s = recordingStatus();
+    return {s.state,         s.file,          s.video,         s.audio,
+            s.seconds,       s.bytes,         s.framesWritten, s.framesDropped,
+            s.framesRefused, s.soundLostMs,   s.soundFilledMs, s.endReason};
 }
 
 bool RecordThread::waitForRecordEnd(int msecs)
