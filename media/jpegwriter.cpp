@@ -274,9 +274,7 @@ int publish(Snapshot &s, const char *name)
     }
     const int closed = safefile::closeIo(&s.ctx->pb);
     if (closed < 0) {
-        char text[AV_ERROR_MAX_STRING_SIZE] = {0};
-        av_strerror(closed, text, sizeof text);
-        qCWarning(lcMedia, "cannot write %s: %s", name, text);
+        reportAvError(("cannot write " + std::string(name)).c_str(), closed);
         return -1;
     }
     if (rename(s.temp.c_str(), name) != 0) {
